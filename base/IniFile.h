@@ -110,6 +110,9 @@ public:
     unsigned NumHeaderComments() const { return static_cast<unsigned>(comments.size()); }
     void HeaderComment(const std::string& comment);
     std::string HeaderComment(unsigned commentID) const;
+    std::string HeaderComment(unsigned commentID) {  // see KeyComment below
+        return static_cast<const CIniFile&>(*this).HeaderComment(commentID);
+    }
     bool DeleteHeaderComment(unsigned commentID);
     void DeleteHeaderComments() { comments.clear(); }
 
@@ -120,6 +123,15 @@ public:
     bool KeyComment(const std::string& keyname, const std::string& comment);
     std::string KeyComment(unsigned keyID, unsigned commentID) const;
     std::string KeyComment(const std::string& keyname, unsigned commentID) const;
+    // Non-const twins of the text getters: a literal 0 index could also be
+    // read as a null string pointer, and on a non-const object the const
+    // getter alone would then tie with the non-const setter.
+    std::string KeyComment(unsigned keyID, unsigned commentID) {
+        return static_cast<const CIniFile&>(*this).KeyComment(keyID, commentID);
+    }
+    std::string KeyComment(const std::string& keyname, unsigned commentID) {
+        return static_cast<const CIniFile&>(*this).KeyComment(keyname, commentID);
+    }
     bool DeleteKeyComment(unsigned keyID, unsigned commentID);
     bool DeleteKeyComment(const std::string& keyname, unsigned commentID);
     bool DeleteKeyComments(unsigned keyID);

@@ -35,11 +35,11 @@
 #include "codec/FamilyAccess.h"
 #include "dc/FrameCutter.h"
 #include "dc/MarketModel.h"
+#include "dc/QxsfAnswer.h"
 #include "sf/FrontInfo.h"
 #include "sf/QryInstrumentInfo.h"
 
 class CQXSFThread;
-class CQxsfRsp;
 
 // Reasons handed to OnFrontLost.
 enum : int {
@@ -178,6 +178,9 @@ public:
     static void FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,
                                  uint32_t secondDay, uint32_t timeWord, char status);
     static char StatusChar(uint8_t code);
+    // "HH:MM:SS" of a packed quote time word (milliseconds in bits 0-9,
+    // seconds 10-15, minutes 16-21, hours 22-31) into a 9-byte field.
+    static void FormatPackedTime(char* out9, uint32_t packedTime);
 
 private:
     bool OnFrame(int command, const char* body, int length) override;
@@ -248,6 +251,8 @@ public:
     CIniFile m_config;
     MThread m_thread;
     std::vector<CQXSFThread*> m_qxsfWorkers;
+    // Finished file-service queries waiting for their markets, in arrival
+    // order; owned (deleted when answered and by the destructor).
     std::vector<CQxsfRsp*> m_qxsfAnswers;
     std::atomic<bool> m_bAbnormalEnd{false};
 

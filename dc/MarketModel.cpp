@@ -1,6 +1,7 @@
 #include "dc/MarketModel.h"
 
 #include <cfloat>
+#include <cstddef>
 
 double RawPriceToDouble(int32_t raw, uint32_t divisor) {
     if (raw == 0) return DBL_MAX;

@@ -1,0 +1,277 @@
+// The DC worker: the one thread that talks to the quote server.
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+
+#include "base/Clock.h"
+#include "dc/DCThread.h"
+#include "sf/QXSFThread.h"
+
+namespace {
+
+// Sleeps in short steps so that a cleared running flag ends the wait early.
+void SleepWhileRunning(const std::atomic<bool>& running, unsigned ms) {
+    while (ms > 0 && running) {
+        unsigned step = ms < 10 ? ms : 10;
+        usleep(step * 1000);
+        ms -= step;
+    }
+}
+
+bool ResolveAndConnect(int sock, const _FrontInfo& front) {
+    sockaddr_in addr;
+    std::memset(&addr, 0, sizeof(addr));
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(front.port);
+    in_addr_t a = inet_addr(front.host);
+    if (a == INADDR_NONE) {
+        addrinfo hints;
+        std::memset(&hints, 0, sizeof(hints));
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* res = nullptr;
+        if (getaddrinfo(front.host, nullptr, &hints, &res) == 0 && res) {
+            addr.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
+            addr.sin_family = static_cast<sa_family_t>(res->ai_family);
+            freeaddrinfo(res);
+        }
+    } else {
+        addr.sin_addr.s_addr = a;
+    }
+    return connect(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+}
+
+}  // namespace
+
+void* CDCThread::WorkThread(void* arg) {
+    if (arg) static_cast<CDCThread*>(arg)->WorkLoop();
+    return nullptr;
+}
+
+void CDCThread::WorkLoop() {
+    if (m_bLog) Log("WorkThread Start, ThreadID : 0x%08x", static_cast<unsigned>(pthread_self()));
+    LoadFamilyAccess();
+    orvex::SeedRandom(static_cast<unsigned>(orvex::NowTime()));
+    m_bAbnormalEnd = true;
+    m_nCurrentFront = -1;
+
+    uint32_t lastConnect = orvex::NowTick() - 10000;
+    uint32_t lastHeartBeat = orvex::NowTick();
+    int r1 = orvex::Random();
+    int r2 = orvex::Random();
+    const int reconnectTime = 50000 + (r1 % 45) * 100 + (r2 % 60);
+    int lastFileCheckDay = 0;
+
+    while (m_bRunning) {
+        try {
+            if (IsConnected()) {
+                int today = orvex::TodayYmd();
+                int now = orvex::NowHms();
+                if (m_nLastConnectDay != today && now >= reconnectTime) {
+                    ResetWithReason(kReasonServerClosed);
+                    continue;
+                }
+                if (lastFileCheckDay != today) {
+                    lastFileCheckDay = today;
+                    CQXSFThread::CheckLocalFile();
+                }
+            } else {
+                if (!m_fronts.empty() && orvex::NowTick() - lastConnect >= 10000) {
+                    lastConnect = orvex::NowTick();
+                    lastHeartBeat = lastConnect;
+                    Connect();
+                    m_nLastConnectDay = orvex::TodayYmd();
+                } else {
+                    SleepWhileRunning(m_bRunning, 50);
+                    continue;
+                }
+            }
+
+            if (!IsConnected()) continue;
+            CheckQryInstrument();
+            CheckQXSF();
+            CheckQXSFQryInstrument();
+            if (m_bSubscribe) {
+                CheckSubscribeInfo();
+                CheckUnSubscribeInfo();
+            }
+
+            int64_t sock = m_socket.load();
+            if (sock >= 0) {
+                fd_set readable;
+                FD_ZERO(&readable);
+                FD_SET(static_cast<int>(sock), &readable);
+                timeval tv{0, 2000};
+                int rc = select(static_cast<int>(sock) + 1, &readable, nullptr, nullptr, &tv);
+                if (rc < 0) {
+                    int err = errno;
+                    std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+                    m_nDisconnectReason = kReasonReadError;
+                    Log("select error:%d", err);
+                    Reset();
+                    continue;
+                }
+                if (rc > 0 && FD_ISSET(static_cast<int>(sock), &readable)) ReadSocket();
+            }
+
+            if (orvex::NowTick() - lastHeartBeat > 14999) {
+                lastHeartBeat = orvex::NowTick();
+                HeartBeat();
+            }
+        } catch (const std::exception& e) {
+            Log("exception : %s", e.what());
+            ResetWithReason(kReasonException);
+            SleepWhileRunning(m_bRunning, 1000);
+        } catch (...) {
+            Log("unkown exception");
+            ResetWithReason(kReasonException);
+            SleepWhileRunning(m_bRunning, 1000);
+        }
+    }
+
+    m_bAbnormalEnd = false;
+    ResetWithReason(m_nDisconnectReason.load());
+}
+
+void CDCThread::Connect() {
+    int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock < 0) {
+        if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLost(kReasonNoSocket);
+        return;
+    }
+    bool connected = false;
+    const int count = static_cast<int>(m_fronts.size());
+    if (m_nCurrentFront >= 0 && m_nCurrentFront < count && m_fronts[m_nCurrentFront].usable) {
+        const _FrontInfo& front = m_fronts[m_nCurrentFront];
+        if (ResolveAndConnect(sock, front)) {
+            connected = true;
+            Log("DC Connected : %s:%d", front.host, front.port);
+            m_bRefresh = m_bModelLoading;
+        } else {
+            m_fronts[m_nCurrentFront].usable = false;
+        }
+    }
+    if (!connected) {
+        int unusable = 0;
+        for (const _FrontInfo& f : m_fronts) unusable += f.usable ? 0 : 1;
+        while (unusable < count) {
+            int i = orvex::Random() % count;
+            // A poor generator must not spin for ever: after many misses the
+            // first usable front is taken.
+            for (int draws = 1; !m_fronts[i].usable; ++draws) {
+                i = draws < 256 ? orvex::Random() % count : (i + 1) % count;
+            }
+            const _FrontInfo& front = m_fronts[i];
+            if (ResolveAndConnect(sock, front)) {
+                connected = true;
+                Log("DC Connected : %s:%d", front.host, front.port);
+                m_bRefresh = true;
+                m_nCurrentFront = i;
+                break;
+            }
+            m_fronts[i].usable = false;
+            ++unusable;
+            // A failed connect leaves the socket unusable for another try.
+            close(sock);
+            sock = socket(AF_INET, SOCK_STREAM, 0);
+            if (sock < 0) break;
+        }
+    }
+    if (connected) {
+        m_cutter.Clear();
+        {
+            std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+            m_socket = sock;
+        }
+        m_lastReceiveTick = m_lastFrameDoneTick = orvex::NowTick();
+        if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLinked();
+        return;
+    }
+    {
+        // The socket is stored first so that the reset closes it and reports
+        // the lost round with 4099.
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        m_socket = sock < 0 ? -2 : sock;
+        m_nDisconnectReason = kReasonNoFront;
+        Reset();
+    }
+    for (_FrontInfo& f : m_fronts) f.usable = true;
+}
+
+void CDCThread::ReadSocket() {
+    int64_t sock = m_socket.load();
+    if (sock < 0) return;
+    ssize_t n = recv(static_cast<int>(sock), m_cutter.FreeSpace(), static_cast<size_t>(m_cutter.FreeBytes()), 0);
+    if (n == 0) {
+        ResetWithReason(kReasonServerClosed);
+        return;
+    }
+    if (n < 0) {
+        int err = errno;
+        if (err == 10035) return;
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        m_nDisconnectReason = kReasonReadError;
+        Log("recv error:%d", err);
+        Reset();
+        return;
+    }
+    m_cutter.Commit(static_cast<int>(n));
+    CDCFrameCutter::Result r = m_cutter.Cut(*this);
+    if (r == CDCFrameCutter::kProtocolError) ResetWithReason(kReasonBadFrame);
+}
+
+void CDCThread::OnReceived(const char* data, size_t length) {
+    CDCFrameCutter::Result r = m_cutter.Feed(data, length, *this);
+    if (r == CDCFrameCutter::kProtocolError) ResetWithReason(kReasonBadFrame);
+}
+
+bool CDCThread::OnFrame(int command, const char* body, int length) {
+    if (!m_bRunning && m_thread.IsActive()) return false;
+    Dispatch(command, body, length);
+    if (!IsConnected()) return false;
+    m_lastFrameDoneTick = orvex::NowTick();
+    return true;
+}
+
+void CDCThread::Dispatch(int command, const char* body, int length) {
+    switch (command) {
+    case kCmdNameTable:
+        m_lastReceiveTick = orvex::NowTick();
+        ProcessNametableRsp(body, length);
+        break;
+    case kCmdMarketStatus:
+        m_lastReceiveTick = orvex::NowTick();
+        ProcessMkStatusRsp(body, length);
+        break;
+    case kCmdQuotation:
+        m_lastReceiveTick = orvex::NowTick();
+        ProcessQuotationRsp(body, length);
+        break;
+    case kCmdLoginRsp:
+        m_lastReceiveTick = orvex::NowTick();
+        ProcessLoginRsp(body, length);
+        break;
+    case kCmdLoginRsp1:
+        m_lastReceiveTick = orvex::NowTick();
+        ProcessLoginRsp1(body, length);
+        break;
+    case kCmdDynainfo:
+        m_lastReceiveTick = orvex::NowTick();
+        if (m_bModelLoading) {
+            m_heldDynainfo.emplace_back(body, static_cast<size_t>(length));
+        } else {
+            ProcessDynainfo(body, static_cast<unsigned int>(length));
+        }
+        break;
+    default:
+        break;
+    }
+}

@@ -1,0 +1,244 @@
+// Market status and name table answers, and the model look-ups shared by the
+// market data handlers. DC worker thread only; the model takes no lock.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "dc/DCThread.h"
+
+namespace {
+
+template <class T>
+T Rd(const char* p) {
+    T v;
+    std::memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+// Market status answer: u16 (unused), u16 total rows, u16 rows here, u16
+// first row, then 16-byte rows.
+constexpr int kStatusHead = 8;
+constexpr int kStatusRow = 16;
+
+// Name table answer: 6 unused bytes, u16 market, 8 unused bytes, u16 total,
+// u16 rows here, u16 first row, then 84-byte rows.
+constexpr int kNameHead = 22;
+constexpr int kNameRow = 84;
+
+// Copies at most `width` bytes of a fixed-width server text into a
+// NUL-terminated field of `room` bytes.
+void CopyText(char* dst, size_t room, const char* src, size_t width) {
+    size_t n = strnlen(src, width);
+    if (n > room - 1) n = room - 1;
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// Formats into a fixed-width field; text that does not fit is cut at the
+// field's end.
+__attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(dst, size, format, args);
+    va_end(args);
+}
+
+const char* const kMainExchanges[4] = {"SHFE", "DCE", "CZCE", "CFFEX"};
+
+}  // namespace
+
+CQxExchange* CDCThread::FindExchange(const char* exchangeId) {
+    if (!exchangeId) return nullptr;
+    return FindExchange(std::string_view(exchangeId));
+}
+
+CQxExchange* CDCThread::FindExchange(std::string_view exchangeId) {
+    auto it = m_exchanges.find(exchangeId);
+    return it == m_exchanges.end() ? nullptr : &it->second;
+}
+
+CQxMarket* CDCThread::FindMarket(int marketId) {
+    if (marketId < 0 || marketId > 0xFFFF) return nullptr;
+    auto it = m_markets.find(static_cast<unsigned short>(marketId));
+    return it == m_markets.end() ? nullptr : &it->second;
+}
+
+// The first two ids of each exchange's group carry the plain feed (Level 0),
+// the ids ten above them the deep feed (any other Level); every other market
+// is always admitted.
+bool CDCThread::Level(int marketId) const {
+    for (int base = 2000; base <= 2300; base += 100) {
+        if (marketId == base || marketId == base + 1) return m_nLevel == 0;
+        if (marketId == base + 10 || marketId == base + 11) return m_nLevel != 0;
+    }
+    return true;
+}
+
+char CDCThread::StatusChar(uint8_t code) {
+    switch (code) {
+        case 0: return '0';
+        case 1:
+        case 3:
+        case 4: return '2';
+        case 2: return '4';
+        default: return '6';
+    }
+}
+
+void CDCThread::FormatPackedTime(char* out9, uint32_t packed) {
+    unsigned h = packed >> 22;
+    unsigned m = (packed >> 16) & 0x3F;
+    unsigned s = (packed >> 10) & 0x3F;
+    PrintField(out9, 9, "%02u:%02u:%02u", h, m, s);
+}
+
+void CDCThread::FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,
+                                 uint32_t secondDay, uint32_t t, char status) {
+    std::memset(rec, 0, sizeof(*rec));
+    CopyText(rec->ExchangeID, sizeof(rec->ExchangeID), exchange, 32);
+    PrintField(rec->TradingDay, sizeof(rec->TradingDay), "%d", static_cast<int>(tradingDay));
+    PrintField(rec->SecondDay, sizeof(rec->SecondDay), "%d", static_cast<int>(secondDay));
+    PrintField(rec->UpdateTime, sizeof(rec->UpdateTime), "%02u:%02u:%02u", t / 10000000u,
+               (t % 10000000u) / 100000u, (t % 100000u) / 1000u);
+    rec->MarketStatus = status;
+}
+
+void CDCThread::ProcessMkStatusRsp(const char* body, int length) {
+    if (!body || length < kStatusHead) return;
+    const int total = Rd<uint16_t>(body + 2);
+    const int rows = Rd<uint16_t>(body + 4);
+    const int first = Rd<uint16_t>(body + 6);
+    // A packet claiming more rows than it carries is applied as far as it
+    // goes and never counts towards completion.
+    const int held = (length - kStatusHead) / kStatusRow;
+    const bool whole = rows <= held;
+
+    for (int i = 0; i < (whole ? rows : held); ++i) {
+        const char* row = body + kStatusHead + i * kStatusRow;
+        const uint16_t id = Rd<uint16_t>(row);
+        CQxMarket* market = FindMarket(id);
+        if (!market) {
+            std::string code;
+            const char* known = m_bDomesticExchanges ? nullptr : CExtraMarket::GetExchangeID(id);
+            if (known) {
+                code = known;
+            } else {
+                std::string key = std::to_string(id);
+                code = m_config.GetValue("EXCHANGE", key, key);
+            }
+            auto ins = m_markets.emplace(std::piecewise_construct, std::forward_as_tuple(id),
+                                         std::forward_as_tuple(id, code.c_str()));
+            market = &ins.first->second;
+            market->UseExchangeCode = m_config.GetValueB("BRCODE", code, false);
+            // The market keeps at most 31 characters of the code; the exchange
+            // is filed under the same text so that look-ups by the market's
+            // code always find it.
+            CQxExchange* exchange = FindExchange(market->exchangeCode);
+            if (!exchange) exchange = &m_exchanges[std::string(market->exchangeCode)];
+            exchange->markets.push_back(market);
+            m_offeredMarkets.insert(id);
+        }
+        market->tradingDay = Rd<uint32_t>(row + 2);
+        market->status = Rd<uint8_t>(row + 6);
+        market->status2 = Rd<uint8_t>(row + 7);
+        market->secondDay = Rd<uint32_t>(row + 8);
+        market->timeWord = Rd<uint32_t>(row + 12);
+        if (id == m_extraMarket.ids[0]) {
+            PrintField(m_szTradingDay, sizeof(m_szTradingDay), "%d", static_cast<int>(market->tradingDay));
+        }
+    }
+    if (!whole || first + rows < total) return;
+
+    // The access list follows the offered markets; it is saved (and the main
+    // markets chosen) only when it changed.
+    bool changed;
+    {
+        std::lock_guard<std::mutex> lock(m_accessLock);
+        changed = m_access.Changed();
+        if (changed) {
+            if (m_access.allAccess) m_access.RebuildFrom(m_offeredMarkets);
+            m_access.CommitSaved();
+        }
+    }
+    if (changed) {
+        if (!m_bDomesticExchanges) {
+            m_extraMarket.ReloadIDSet(m_offeredMarkets);
+            for (int e = 0; e < 4; ++e) {
+                if (CQxExchange* exchange = FindExchange(kMainExchanges[e]))
+                    exchange->SetMainMarket(static_cast<unsigned short>(m_extraMarket.ids[e]));
+            }
+        }
+        SaveFamilyAccess();
+    }
+
+    // The markets are known: the login is complete for the caller.
+    if (COrvexWiraMdSpi* spi = Spi()) {
+        COrvexWiraRspUserLoginField rsp;
+        COrvexWiraRspInfoField info;
+        std::memset(&rsp, 0, sizeof(rsp));
+        std::memset(&info, 0, sizeof(info));
+        info.ErrorID = m_nLoginCode;
+        CopyText(info.ErrorMsg, sizeof(info.ErrorMsg), m_szLoginMsg, 80);
+        TranslateLoginRsp(&rsp, m_nLoginCode);
+        spi->OnLoginAnswer(&rsp, &info, GetRequestID(m_nLoginHandle), true);
+
+        for (auto& kv : m_exchanges) {
+            CQxMarket* main = kv.second.GetMainMarket();
+            if (!main) continue;
+            COrvexWiraMarketStatusField rec;
+            FillStatusRecord(&rec, main->exchangeCode, main->tradingDay, main->secondDay, main->timeWord, '*');
+            if (COrvexWiraMdSpi* s = Spi()) s->OnStatusChange(&rec);
+        }
+    }
+    ReqMarketNametable(0);
+    ReqQuotation(0);
+}
+
+void CDCThread::ProcessNametableRsp(const char* body, int length) {
+    if (!body || length < kNameHead) return;
+    CQxMarket* market = FindMarket(Rd<uint16_t>(body + 6));
+    if (!market) return;
+    const int total = Rd<uint16_t>(body + 16);
+    const int rows = Rd<uint16_t>(body + 18);
+    const int first = Rd<uint16_t>(body + 20);
+    const int held = (length - kNameHead) / kNameRow;
+    const bool whole = rows <= held;
+
+    // A name table always starts from empty.
+    if (first == 0) {
+        market->instrumentsById.clear();
+        market->instruments.clear();
+    }
+
+    for (int i = 0; i < (whole ? rows : held); ++i) {
+        const char* row = body + kNameHead + i * kNameRow;
+        CQxInstrument inst;
+        CopyText(inst.exchangeCode, sizeof(inst.exchangeCode), row + 54, 22);
+        CopyText(inst.marketCode, sizeof(inst.marketCode), row + 33, 21);
+        CopyText(inst.name, sizeof(inst.name), row, 33);
+        inst.priceDivisor = Rd<uint32_t>(row + 76);
+        inst.attribute1 = Rd<uint16_t>(row + 80);
+        inst.attribute2 = Rd<uint16_t>(row + 82);
+
+        COrvexWiraDepthMarketDataField& d = inst.depth;
+        PrintField(d.TradingDay, sizeof(d.TradingDay), "%u", market->tradingDay);
+        CopyText(d.InstrumentID, sizeof(d.InstrumentID),
+                 market->UseExchangeCode ? inst.exchangeCode : inst.marketCode, sizeof(inst.marketCode));
+        CopyText(d.ExchangeID, sizeof(d.ExchangeID), market->exchangeCode, sizeof(market->exchangeCode));
+        CopyText(d.ExchangeInstID, sizeof(d.ExchangeInstID), inst.exchangeCode, sizeof(inst.exchangeCode));
+        inst.quoteDate = 0;
+        inst.quoteTime = 0;
+
+        // Replacing keeps the map node, so by-id pointers stay valid.
+        auto it = market->instruments.find(std::string_view(inst.marketCode));
+        if (it != market->instruments.end()) it->second = inst;
+        else market->instruments.emplace(std::string(inst.marketCode), inst);
+    }
+    if (!whole || first + rows < total) return;
+
+    market->NameTableComplete = true;
+    market->RebuildIDMap();
+}

@@ -1,0 +1,274 @@
+// Dynamic information: status records, the currency test of pushed rows,
+// delivery, and the walk over a body's records.
+#include "dc/HandlerKit.h"
+
+using namespace orvex_test;
+
+namespace {
+
+MarketStatusRow StatusOf(uint16_t id, uint32_t day, uint8_t code, uint32_t secondDay, uint32_t timeWord,
+                         uint8_t code2 = 0) {
+    MarketStatusRow r;
+    r.market = id;
+    r.tradingDay = day;
+    r.status = code;
+    r.status2 = code2;
+    r.secondDay = secondDay;
+    r.timeWord = timeWord;
+    return r;
+}
+
+PushedRow At(const char* code, unsigned h, unsigned m, unsigned s, unsigned ms, int32_t last, uint16_t market = 2001,
+             uint32_t date = 20240102) {
+    PushedRow row(market, code, date, PackQuoteTime(h, m, s, ms));
+    row.Price(kPushLast, last);
+    return row;
+}
+
+}  // namespace
+
+class DynainfoTest : public HandlerTest {
+protected:
+    void SetUp() override {
+        MakeApi(true);
+        api->m_access.allAccess = true;   // main markets follow the preferred ids
+        Status({StatusOf(2000, 20240102, 1, 20240102, 93000000), StatusOf(2001, 20240102, 1, 20240102, 93000000),
+                StatusOf(2101, 20240102, 1, 20240102, 93000000)});
+        Names(2001, {{"Copper", "cu2403", "CU2403", 10, 5, 0}, {"Copper 5", "cu2405", "CU2405", 10, 5, 0}});
+        Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
+        spi.events.clear();
+        spi.statuses.clear();
+        spi.logins.clear();
+    }
+
+    // Sets the instrument's stored date and time, and the market's clock.
+    void Clock(uint32_t instDate, uint32_t instTime, uint32_t marketDay, uint32_t marketTime) {
+        CQxInstrument* inst = Inst(2001, "cu2403");
+        inst->quoteDate = instDate;
+        inst->quoteTime = instTime;
+        api->FindMarket(2001)->secondDay = marketDay;
+        api->FindMarket(2001)->timeWord = marketTime;
+    }
+};
+
+// ---- status records ----
+
+TEST_F(DynainfoTest, NewTradingDayReplacesTheMarketClockAndReloadsItsNames) {
+    AttachPeer();
+    Dyna(DynaStatusRecord(1, StatusOf(2101, 20240103, 2, 20240102, 210000000, 4)));
+    CQxMarket* m = api->FindMarket(2101);
+    EXPECT_EQ(m->tradingDay, 20240103u);
+    EXPECT_EQ(m->secondDay, 20240102u);
+    EXPECT_EQ(m->timeWord, 210000000u);
+    EXPECT_EQ(m->status, 4);     // the codes are stored crosswise on a new day
+    EXPECT_EQ(m->status2, 2);
+    EXPECT_FALSE(m->NameTableComplete);
+    std::vector<DcFrame> frames = SentFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].command, kCmdNameTable);
+    EXPECT_EQ(BodyU16(frames[0].body, 2), 2101);
+    ASSERT_EQ(spi.statuses.size(), 1u);
+    EXPECT_STREQ(spi.statuses[0].ExchangeID, "DCE");
+    EXPECT_STREQ(spi.statuses[0].TradingDay, "20240103");
+    EXPECT_STREQ(spi.statuses[0].UpdateTime, "21:00:00");
+    EXPECT_EQ(spi.statuses[0].MarketStatus, '4');
+}
+
+TEST_F(DynainfoTest, NewTradingDayWithStatusZeroKeepsTheDayAndRequestsNothing) {
+    AttachPeer();
+    Dyna(DynaStatusRecord(1, StatusOf(2101, 20240103, 0, 20240102, 100000000)));
+    CQxMarket* m = api->FindMarket(2101);
+    EXPECT_EQ(m->tradingDay, 20240102u);
+    EXPECT_EQ(m->timeWord, 93000000u);
+    EXPECT_TRUE(m->NameTableComplete);
+    EXPECT_TRUE(SentFrames().empty());
+    ASSERT_EQ(spi.statuses.size(), 1u);   // newer than the market, so still reported
+    EXPECT_EQ(spi.statuses[0].MarketStatus, '0');
+}
+
+TEST_F(DynainfoTest, SameDayRecordsMustBeNewerThanTheMarket) {
+    Dyna(DynaStatusRecord(1, StatusOf(2101, 20240102, 3, 20240102, 93000000)));
+    Dyna(DynaStatusRecord(2, StatusOf(2101, 20240102, 3, 20240101, 235959000)));
+    EXPECT_TRUE(spi.statuses.empty());
+    EXPECT_EQ(api->FindMarket(2101)->status, 1);
+
+    Dyna(DynaStatusRecord(3, StatusOf(2101, 20240102, 3, 20240102, 93000001, 6)));
+    CQxMarket* m = api->FindMarket(2101);
+    EXPECT_EQ(m->timeWord, 93000001u);
+    EXPECT_EQ(m->status, 3);
+    EXPECT_EQ(m->status2, 6);
+    ASSERT_EQ(spi.statuses.size(), 1u);
+    EXPECT_EQ(spi.statuses[0].MarketStatus, '2');
+    EXPECT_EQ(api->m_nDynainfoSequence, 3u);
+}
+
+TEST_F(DynainfoTest, OnlyTheMainMarketOfAnExchangeIsReported) {
+    Dyna(DynaStatusRecord(1, StatusOf(2000, 20240102, 1, 20240102, 100000000)));
+    EXPECT_TRUE(spi.statuses.empty());
+    EXPECT_EQ(api->FindMarket(2000)->timeWord, 100000000u);
+    Dyna(DynaStatusRecord(2, StatusOf(2001, 20240102, 1, 20240102, 100000000)));
+    ASSERT_EQ(spi.statuses.size(), 1u);
+    EXPECT_STREQ(spi.statuses[0].ExchangeID, "SHFE");
+}
+
+TEST_F(DynainfoTest, TheShfeSlotMarketSetsTheTradingDayText) {
+    Dyna(DynaStatusRecord(1, StatusOf(2000, 20240105, 1, 20240104, 210000000)));
+    EXPECT_STREQ(api->GetTradingDay(), "20240102");
+    Dyna(DynaStatusRecord(2, StatusOf(2001, 20240105, 1, 20240104, 210000000)));
+    EXPECT_STREQ(api->GetTradingDay(), "20240105");
+}
+
+TEST_F(DynainfoTest, StatusRecordsWithoutCallbackObjectStillUpdateTheModel) {
+    api->RegisterSpi(nullptr);
+    Dyna(DynaStatusRecord(1, StatusOf(2001, 20240102, 2, 20240102, 100000000)));
+    EXPECT_EQ(api->FindMarket(2001)->status, 2);
+    EXPECT_TRUE(spi.Events().empty());
+}
+
+// ---- pushed rows: which are current ----
+
+TEST_F(DynainfoTest, RowAheadOfTheMarketOnTheSameDayIsAccepted) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 30, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(spi.depths[0].LastPrice, 70030.0);
+    CQxInstrument* inst = Inst(2001, "cu2403");
+    EXPECT_EQ(inst->quoteDate, 20240102u);
+    EXPECT_EQ(inst->quoteTime, 93030000u);
+    EXPECT_EQ(inst->pushedDate, 20240102u);
+    EXPECT_STREQ(spi.depths[0].ActionDay, "20240102");
+}
+
+TEST_F(DynainfoTest, RowBehindTheInstrumentIsFilteredWithALogLine) {
+    api->m_bLog = true;
+    Clock(20240102, 93000000, 20240102, 93000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 29, 59, 999, 700300)));
+    EXPECT_TRUE(spi.depths.empty());
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93000000u);
+    EXPECT_NE(LogText().find("Filter:cu2403,QT:92959999,MD:20240102,MT:93000000,DD:20240102,DT:93000000"),
+              std::string::npos);
+}
+
+TEST_F(DynainfoTest, RowAfterMidnightMovesTheInstrumentToTheNextDay) {
+    Clock(20240102, 235900000, 20240103, 1000);
+    Dyna(DynaPushRecord(1, At("cu2403", 0, 0, 5, 0, 700300, 2001, 20240103)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_STREQ(spi.depths[0].ActionDay, "20240103");
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteDate, 20240103u);
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 5000u);
+}
+
+TEST_F(DynainfoTest, RowAcrossAMonthEndAndAfterAnIdleWeekStepsDayByDay) {
+    Clock(20240125, 150000000, 20240201, 90000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 0, 1, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteDate, 20240201u);
+}
+
+TEST_F(DynainfoTest, RowFarAheadOfTheMarketIsStale) {
+    // 17 hours ahead of the market's clock: a row of the previous session.
+    Clock(20240102, 10000000, 20240102, 10000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 18, 0, 0, 0, 700300)));
+    EXPECT_TRUE(spi.depths.empty());
+}
+
+TEST_F(DynainfoTest, NeverDatedInstrumentStartsFromTheMarketClock) {
+    Clock(0, 0, 20240102, 93000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 29, 0, 0, 700300)));
+    EXPECT_TRUE(spi.depths.empty());
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteDate, 20240102u);
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93000000u);
+
+    Dyna(DynaPushRecord(2, At("cu2403", 9, 30, 1, 0, 700300)));
+    EXPECT_EQ(spi.depths.size(), 1u);
+}
+
+// ---- pushed rows: delivery ----
+
+TEST_F(DynainfoTest, SubscriptionModeFiltersPushes) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    api->m_bSubscribe = true;
+    api->FindExchange("SHFE")->subscribed.insert("cu2405");
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)) + DynaPushRecord(2, At("cu2405", 9, 30, 1, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_STREQ(spi.depths[0].InstrumentID, "cu2405");
+
+    api->FindExchange("SHFE")->WholeExchange = true;
+    Dyna(DynaPushRecord(3, At("cu2403", 9, 30, 2, 0, 700300)));
+    EXPECT_EQ(spi.depths.size(), 2u);
+}
+
+TEST_F(DynainfoTest, DeltaModeDeliversEveryAcceptedRowWithItsChangeMarks) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    api->m_bDeltaQuot = true;
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 0)));   // raw quote is all zero: unchanged
+    Dyna(DynaPushRecord(2, At("cu2403", 9, 30, 2, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 2u);
+    EXPECT_EQ(spi.depths[0].LastPrice, DBL_MAX);
+    EXPECT_EQ(spi.depths[0].BidVolume1, 0x7FFFFFFF);
+    EXPECT_EQ(spi.depths[1].LastPrice, 70030.0);
+}
+
+TEST_F(DynainfoTest, LevelUnknownMarketsAndInstrumentsAreSkipped) {
+    api->m_bLog = true;
+    Clock(20240102, 93000000, 20240102, 93000000);
+    api->m_nLevel = 1;
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
+    api->m_nLevel = 0;
+    Dyna(DynaPushRecord(2, At("zz01", 9, 30, 1, 0, 1, 4242)) + DynaPushRecord(3, At("zz02", 9, 30, 1, 0, 1)) +
+         DynaPushRecord(4, At("cu2403", 9, 30, 1, 0, 700300)));
+    EXPECT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(api->m_nDynainfoSequence, 4u);
+    const std::string log = LogText();
+    EXPECT_NE(log.find("Can not find Family:zz01"), std::string::npos);
+    EXPECT_NE(log.find("Can not find Instrument:zz02"), std::string::npos);
+}
+
+TEST_F(DynainfoTest, PushesWithoutCallbackObjectStillUpdateTheInstrument) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    api->RegisterSpi(nullptr);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
+    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70030.0);
+}
+
+// ---- the walk ----
+
+TEST_F(DynainfoTest, TemplatesAndUnknownTypesAreSkippedAndTheWalkGoesOn) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    Dyna(DynaTemplateRecord(1, 512, "\x01\x02\x03") + DynaRecord(2, 9, "whatever") + DynaRecord(3, kDynaTemplate, "") +
+         DynaPushRecord(4, At("cu2403", 9, 30, 1, 0, 700300)));
+    EXPECT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(api->m_nDynainfoSequence, 4u);
+}
+
+TEST_F(DynainfoTest, RecordRunningPastTheBodyEndsTheWalk) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    std::string good = DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300));
+    std::string push = At("cu2405", 9, 30, 1, 0, 700300).Encode();
+    std::string bad = DynaRecord(2, kDynaPush, push, static_cast<int>(push.size()) + 1);
+    std::vector<char> body = Exact(good + bad);
+    api->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_STREQ(spi.depths[0].InstrumentID, "cu2403");
+    EXPECT_EQ(api->m_nDynainfoSequence, 1u);
+
+    // A record head cut short, and records too short for what they are.
+    std::vector<char> cut = Exact(good + std::string("\x05\x00\x00", 3));
+    api->ProcessDynainfo(cut.data(), static_cast<unsigned>(cut.size()));
+    std::vector<char> tiny = Exact(DynaRecord(7, kDynaStatus, std::string(15, '\0')) +
+                                   DynaRecord(8, kDynaPush, push.substr(0, 38)));
+    api->ProcessDynainfo(tiny.data(), static_cast<unsigned>(tiny.size()));
+    EXPECT_EQ(spi.depths.size(), 2u);
+    EXPECT_EQ(api->m_nDynainfoSequence, 8u);
+}
+
+TEST_F(DynainfoTest, PushedRowClaimingMoreFieldsThanItsPayloadIsReadOnlyToItsEnd) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    PushedRow row = At("cu2403", 9, 30, 1, 0, 700300);
+    row.ClaimA(1u << kPushTurnover).ClaimB(0xFFFFF);
+    std::vector<char> body = Exact(DynaPushRecord(1, row));
+    api->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(spi.depths[0].LastPrice, 70030.0);
+    EXPECT_EQ(spi.depths[0].Turnover, 0.0);
+}

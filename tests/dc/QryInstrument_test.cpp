@@ -1,0 +1,296 @@
+// Instrument queries answered from the model, handed to the file service,
+// and answered from contract files once their markets are ready.
+#include <functional>
+
+#include "dc/HandlerKit.h"
+#include "dc/QxsfAnswer.h"
+#include "sf/QXSFThread.h"
+
+using namespace orvex_test;
+
+namespace {
+
+MarketStatusRow Market(uint16_t id, uint32_t day = 20240102) {
+    MarketStatusRow r;
+    r.market = id;
+    r.tradingDay = r.secondDay = day;
+    r.timeWord = 93000000;
+    r.status = 1;
+    return r;
+}
+
+COrvexWiraQryInstrumentField Query(const char* exchange, const char* instrument = "") {
+    COrvexWiraQryInstrumentField q;
+    std::memset(&q, 0, sizeof(q));
+    std::strncpy(q.ExchangeID, exchange, sizeof(q.ExchangeID) - 1);
+    std::strncpy(q.InstrumentID, instrument, sizeof(q.InstrumentID) - 1);
+    return q;
+}
+
+const std::string kGbkUnknownExchange =
+    "\xba\xcf\xd4\xbc\xb2\xe9\xd1\xaf\xd5\xd2\xb2\xbb\xb5\xbd\xd6\xb8\xb6\xa8\xca\xd0\xb3\xa1";
+
+// Records like RecordingSpi and runs a hook inside each instrument answer.
+class HookSpi : public RecordingSpi {
+public:
+    void OnInstrumentAnswer(COrvexWiraInstrumentField* rec, COrvexWiraRspInfoField* info, int id,
+                            bool last) override {
+        RecordingSpi::OnInstrumentAnswer(rec, info, id, last);
+        if (onAnswer) onAnswer();
+    }
+    std::function<void()> onAnswer;
+};
+
+}  // namespace
+
+class QryInstrumentTest : public HandlerTest {
+protected:
+    void SetUp() override {
+        CQXSFThread::ClearFronts();
+        MakeApi(true);
+        api->RegisterSpi(&hookSpi);
+        Status({Market(2001), Market(2101), Market(2200, 0)});   // 2200: no trading day yet
+        Names(2001, {{"Copper long name", "cu2403", "CU2403", 10, 5, 0}, {"Cu", "cu2405", "CU2405", 10, 6, 0}});
+        Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
+    }
+    void TearDown() override {
+        HandlerTest::TearDown();
+        CQXSFThread::ClearFronts();
+    }
+
+    int Ask(COrvexWiraQryInstrumentField q, int requestId) { return api->ReqQryInstrument(&q, requestId); }
+
+    std::vector<std::string> Answered() {
+        std::vector<std::string> out;
+        for (const InstrumentAnswer& a : hookSpi.instruments)
+            out.push_back(std::to_string(a.requestId) + ":" + (a.hasRecord ? a.rec.InstrumentID : "-") +
+                          (a.isLast ? "!" : ""));
+        return out;
+    }
+
+    HookSpi hookSpi;
+};
+
+TEST_F(QryInstrumentTest, NullQueryIsRefused) {
+    EXPECT_EQ(api->ReqQryInstrument(nullptr, 1), -1);
+    EXPECT_TRUE(api->m_qryQueue.empty());
+}
+
+TEST_F(QryInstrumentTest, QueryIsCopiedWhenQueued) {
+    COrvexWiraQryInstrumentField q = Query("SHFE", "cu2403");
+    EXPECT_EQ(api->ReqQryInstrument(&q, 9), 0);
+    std::memset(&q, 0, sizeof(q));
+    ASSERT_EQ(api->m_qryQueue.size(), 1u);
+    EXPECT_EQ(api->m_qryQueue[0].nRequestID, 9);
+    EXPECT_STREQ(api->m_qryQueue[0].query.ExchangeID, "SHFE");
+    EXPECT_STREQ(api->m_qryQueue[0].query.InstrumentID, "cu2403");
+}
+
+TEST_F(QryInstrumentTest, ExchangeQueryAnswersEveryInstrumentOfItsMarkets) {
+    Ask(Query("SHFE", "cu2405"), 7);   // the instrument does not narrow the answer
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"7:cu2403", "7:cu2405!"}));
+    const InstrumentAnswer& a = hookSpi.instruments[0];
+    EXPECT_STREQ(a.rec.ExchangeID, "SHFE");
+    EXPECT_STREQ(a.rec.ExchangeInstID, "CU2403");
+    EXPECT_EQ(a.rec.VolumeMultiple, 5);
+    EXPECT_EQ(a.info.ErrorID, 0);
+    EXPECT_TRUE(api->m_qryQueue.empty());
+}
+
+TEST_F(QryInstrumentTest, RecordIsClearedOncePerRunSoShorterNamesStayTerminated) {
+    Ask(Query("SHFE"), 7);
+    api->CheckQryInstrument();
+    ASSERT_EQ(hookSpi.instruments.size(), 2u);
+    const COrvexWiraInstrumentField& second = hookSpi.instruments[1].rec;
+    EXPECT_STREQ(second.InstrumentName, "Cu");
+    EXPECT_EQ(std::string(second.InstrumentName + 3, 3), "per");   // rest of the earlier name
+    EXPECT_EQ(second.VolumeMultiple, 6);
+}
+
+TEST_F(QryInstrumentTest, QueryWithoutExchangeAnswersAllMarketsInIdOrder) {
+    Ask(Query(""), 3);
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"3:cu2403", "3:cu2405", "3:a2405!"}));
+}
+
+TEST_F(QryInstrumentTest, UnknownExchangeGetsOneErrorAnswer) {
+    Ask(Query("XYZ"), 4);
+    api->CheckQryInstrument();
+    ASSERT_EQ(hookSpi.instruments.size(), 1u);
+    const InstrumentAnswer& a = hookSpi.instruments[0];
+    EXPECT_FALSE(a.hasRecord);
+    EXPECT_EQ(a.info.ErrorID, 1);
+    EXPECT_EQ(std::string(a.info.ErrorMsg), kGbkUnknownExchange);
+    EXPECT_EQ(a.requestId, 4);
+    EXPECT_TRUE(a.isLast);
+    EXPECT_TRUE(api->m_qryQueue.empty());
+}
+
+TEST_F(QryInstrumentTest, QueryWaitsForAHalfReceivedNameTable) {
+    std::string part = NameTableBody(2001, 3, 0, {{"A", "cu01", "CU01", 1, 1, 0}, {"B", "cu02", "CU02", 1, 1, 0}});
+    api->ProcessNametableRsp(part.data(), static_cast<int>(part.size()));
+    Ask(Query("SHFE"), 5);
+    Ask(Query("DCE"), 6);
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!"}));
+    ASSERT_EQ(api->m_qryQueue.size(), 1u);
+
+    std::string rest = NameTableBody(2001, 3, 2, {{"C", "cu03", "CU03", 1, 1, 0}});
+    api->ProcessNametableRsp(rest.data(), static_cast<int>(rest.size()));
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!", "5:cu01", "5:cu02", "5:cu03!"}));
+    EXPECT_TRUE(api->m_qryQueue.empty());
+}
+
+TEST_F(QryInstrumentTest, WaitingQueriesGoBackAheadOfQueriesMadeMeanwhile) {
+    api->FindMarket(2001)->NameTableComplete = false;
+    int calls = 0;
+    hookSpi.onAnswer = [&] {
+        if (calls++ == 0) Ask(Query("DCE"), 30);
+    };
+    Ask(Query("SHFE"), 10);
+    Ask(Query("DCE"), 20);
+    Ask(Query(""), 11);
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), std::vector<std::string>{"20:a2405!"});
+    ASSERT_EQ(api->m_qryQueue.size(), 3u);
+    EXPECT_EQ(api->m_qryQueue[0].nRequestID, 10);
+    EXPECT_EQ(api->m_qryQueue[1].nRequestID, 11);
+    EXPECT_EQ(api->m_qryQueue[2].nRequestID, 30);
+
+    api->FindMarket(2001)->NameTableComplete = true;
+    api->CheckQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"20:a2405!", "10:cu2403", "10:cu2405!", "11:cu2403", "11:cu2405",
+                                                    "11:a2405!", "30:a2405!"}));
+}
+
+TEST_F(QryInstrumentTest, NoInstrumentsNoAnswer) {
+    Status({Market(5000)});
+    Names(5000, {});
+    Ask(Query("5000"), 8);
+    api->CheckQryInstrument();
+    EXPECT_TRUE(hookSpi.instruments.empty());
+    EXPECT_TRUE(api->m_qryQueue.empty());
+}
+
+TEST_F(QryInstrumentTest, WithoutCallbackObjectQueriesAreDiscarded) {
+    api->RegisterSpi(nullptr);
+    Ask(Query("SHFE"), 1);
+    api->CheckQryInstrument();
+    EXPECT_TRUE(api->m_qryQueue.empty());
+    api->RegisterSpi(&hookSpi);
+    api->CheckQryInstrument();
+    EXPECT_TRUE(hookSpi.instruments.empty());
+}
+
+// ---- hand-over to the file service ----
+
+TEST_F(QryInstrumentTest, WithFileFrontsTheQueryIsHandedToAFileWorker) {
+    _FrontInfo front{};
+    front.isFtp = true;
+    std::strcpy(front.host, "127.0.0.1");
+    front.port = 1;   // refused: the worker ends at once
+    front.usable = true;
+    CQXSFThread::AddFront(front);
+
+    Ask(Query("XYZ"), 1);
+    Ask(Query("DCE"), 2);
+    api->CheckQryInstrument();
+    ASSERT_EQ(api->m_qxsfWorkers.size(), 1u);
+    EXPECT_TRUE(api->m_qryQueue.empty());
+    ASSERT_FALSE(hookSpi.Copy(hookSpi.instruments).empty());
+    EXPECT_EQ(hookSpi.Copy(hookSpi.instruments)[0].requestId, 1);   // the unknown exchange, as before
+
+    CQXSFThread* worker = api->m_qxsfWorkers[0];
+    EXPECT_EQ(worker->GetRryInfo()->nRequestID, 2);
+    EXPECT_STREQ(worker->GetRryInfo()->query.ExchangeID, "DCE");
+    ASSERT_TRUE(WaitUntil([&] { return worker->IsExit(); }, 5000));
+
+    // A failed worker is released without a pending answer.
+    api->CheckQXSF();
+    EXPECT_TRUE(api->m_qxsfWorkers.empty());
+    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+}
+
+// ---- answers from contract files ----
+
+class QxsfAnswerTest : public QryInstrumentTest {
+protected:
+    void Pending(const char* exchange, int requestId, const char* market = nullptr,
+                 std::vector<COrvexWiraInstrumentField> records = {}) {
+        _QryInstrumentInfo info;
+        std::memset(&info, 0, sizeof(info));
+        info.nRequestID = requestId;
+        std::strncpy(info.query.ExchangeID, exchange, 8);
+        CQxsfRsp* rsp = new CQxsfRsp(info);
+        if (market)
+            for (const auto& r : records) rsp->contracts[market][r.InstrumentID] = r;
+        api->m_qxsfAnswers.push_back(rsp);
+    }
+    static COrvexWiraInstrumentField Contract(const char* code, double n13, const char* text4) {
+        COrvexWiraInstrumentField r;
+        std::memset(&r, 0, sizeof(r));
+        std::strcpy(r.InstrumentID, code);
+        r.Number13 = n13;
+        std::strcpy(r.Text4, text4);
+        return r;
+    }
+};
+
+TEST_F(QxsfAnswerTest, ContractFieldsAreMergedWithTheModel) {
+    Pending("SHFE", 12, "SHFE", {Contract("CU2403", 0.5, "20170315")});
+    api->CheckQXSFQryInstrument();
+    ASSERT_EQ(Answered(), (std::vector<std::string>{"12:cu2403", "12:cu2405!"}));
+    const COrvexWiraInstrumentField& first = hookSpi.instruments[0].rec;
+    EXPECT_STREQ(first.InstrumentID, "cu2403");   // the model's code wins
+    EXPECT_STREQ(first.ExchangeInstID, "CU2403");
+    EXPECT_EQ(first.Number13, 0.5);
+    EXPECT_STREQ(first.Text4, "20170315");
+    EXPECT_EQ(first.VolumeMultiple, 5);
+    // No contract record: the previous instrument's contract fields carry over.
+    const COrvexWiraInstrumentField& second = hookSpi.instruments[1].rec;
+    EXPECT_EQ(second.Number13, 0.5);
+    EXPECT_STREQ(second.Text4, "20170315");
+    EXPECT_STREQ(second.ExchangeInstID, "CU2405");
+    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+}
+
+TEST_F(QxsfAnswerTest, UnknownExchangeIsAnsweredWithItsNameAndTheNextAnswerFollows) {
+    Pending("XYZ", 1);
+    Pending("DCE", 2);
+    Pending("SHFE", 3);
+    api->CheckQXSFQryInstrument();
+    ASSERT_EQ(Answered(), (std::vector<std::string>{"1:-!", "2:a2405!"}));
+    EXPECT_EQ(std::string(hookSpi.instruments[0].info.ErrorMsg), kGbkUnknownExchange + " XYZ.");
+    EXPECT_EQ(hookSpi.instruments[0].info.ErrorID, 1);
+    ASSERT_EQ(api->m_qxsfAnswers.size(), 1u);   // one answer per call
+    api->CheckQXSFQryInstrument();
+    EXPECT_EQ(Answered().back(), "3:cu2405!");
+    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+}
+
+TEST_F(QxsfAnswerTest, AnswerWaitsForItsMarketsWhileLaterOnesAreGiven) {
+    api->FindMarket(2001)->NameTableComplete = false;
+    Pending("SHFE", 1);
+    Pending("", 2);
+    Pending("DCE", 3);
+    api->CheckQXSFQryInstrument();
+    EXPECT_EQ(Answered(), std::vector<std::string>{"3:a2405!"});
+    ASSERT_EQ(api->m_qxsfAnswers.size(), 2u);
+
+    api->FindMarket(2001)->NameTableComplete = true;
+    api->CheckQXSFQryInstrument();
+    api->CheckQXSFQryInstrument();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"3:a2405!", "1:cu2403", "1:cu2405!", "2:cu2403", "2:cu2405",
+                                                    "2:a2405!"}));
+}
+
+TEST_F(QxsfAnswerTest, AnswerWithoutInstrumentsIsRemovedSilently) {
+    Status({Market(5000)});
+    Names(5000, {});
+    Pending("5000", 4);
+    api->CheckQXSFQryInstrument();
+    EXPECT_TRUE(hookSpi.instruments.empty());
+    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+}

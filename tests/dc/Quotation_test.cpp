@@ -1,0 +1,340 @@
+// Quotation snapshots: rows into depth records, delivery, completion with
+// the replay of held dynamic information and the status reports.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+
+#include "dc/HandlerKit.h"
+
+using namespace orvex_test;
+
+namespace {
+
+MarketStatusRow Market(uint16_t id, uint8_t status = 1) {
+    MarketStatusRow r;
+    r.market = id;
+    r.tradingDay = 20240102;
+    r.status = status;
+    r.secondDay = 20240102;
+    r.timeWord = 93000500;
+    return r;
+}
+
+// A row whose fields all differ, with each sentinel case present once.
+QuoteRow FullRow() {
+    QuoteRow r;
+    r.market = 2001;
+    r.code = "cu2403";
+    r.date = 20240102;
+    r.packedTime = PackQuoteTime(9, 30, 15, 250);
+    r.preClose = 700010;
+    r.preSettlement = 700020;
+    r.open = 0;                          // empty
+    r.high = INT32_MIN;                  // 0x80000000: no value
+    r.low = 699990;
+    r.last = 700055;
+    r.upperLimit = 770000;
+    r.lowerLimit = 630000;
+    r.average = -15;
+    r.settlement = 0;
+    r.close = 700050;
+    r.reserved = 0xDEADBEEF;
+    r.volume = 1234.0;
+    r.openInterest = 0;                  // empty count
+    r.preOpenInterest = 45678;
+    r.turnover = 8.6e9;
+    for (int k = 0; k < 5; ++k) {
+        r.ask[k] = {700060 + 10 * k, static_cast<uint32_t>(11 + k)};
+        r.bid[k] = {700050 - 10 * k, static_cast<uint32_t>(21 + k)};
+    }
+    r.ask[1].price = INT32_MIN;
+    r.bid[4].price = 0;
+    r.gapByte = 0x7E;
+    return r;
+}
+
+QuoteRow Dated(const char* code, int32_t last, uint32_t date = 20240102, uint16_t market = 2001) {
+    QuoteRow r;
+    r.market = market;
+    r.code = code;
+    r.date = date;
+    r.packedTime = PackQuoteTime(9, 31, 0, 0);
+    r.last = last;
+    return r;
+}
+
+}  // namespace
+
+class QuotationTest : public HandlerTest {
+protected:
+    void SetUp() override {
+        MakeApi(true);
+        Build();
+    }
+    void Build() {
+        Status({Market(2001), Market(2011, 7), Market(2101, 2)});
+        Names(2001, {{"Copper 2403", "cu2403", "CU2403", 10, 5, 0}, {"Copper 2405", "cu2405", "CU2405", 100, 5, 0}});
+        Names(2011, {{"Copper deep", "cu2403", "CU2403", 10, 5, 0}});
+        Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
+        spi.events.clear();
+        spi.logins.clear();
+        spi.statuses.clear();
+    }
+    std::vector<std::string> Depths() {
+        std::vector<std::string> out;
+        for (const std::string& e : spi.Events())
+            if (e.rfind("depth:", 0) == 0) out.push_back(e.substr(6));
+        return out;
+    }
+};
+
+TEST_F(QuotationTest, RowBecomesTheDepthRecordFieldByField) {
+    CQxInstrument* inst = Inst(2001, "cu2403");
+    inst->pushedDate = 5;
+    const QuoteRow row = FullRow();
+    Quotes(2001, {row});
+
+    ASSERT_EQ(spi.depths.size(), 1u);
+    const COrvexWiraDepthMarketDataField& d = spi.depths[0];
+    EXPECT_STREQ(d.TradingDay, "20240102");
+    EXPECT_STREQ(d.InstrumentID, "cu2403");
+    EXPECT_STREQ(d.ExchangeID, "SHFE");
+    EXPECT_STREQ(d.ExchangeInstID, "CU2403");
+    EXPECT_EQ(d.LastPrice, 70005.5);
+    EXPECT_EQ(d.PreSettlementPrice, 70002.0);
+    EXPECT_EQ(d.PreClosePrice, 70001.0);
+    EXPECT_EQ(d.PreOpenInterest, 45678.0);
+    EXPECT_EQ(d.OpenPrice, DBL_MAX);
+    EXPECT_EQ(d.HighestPrice, 0.0);
+    EXPECT_EQ(d.LowestPrice, 69999.0);
+    EXPECT_EQ(d.Volume, 1234.0);
+    EXPECT_EQ(d.Turnover, 8.6e9);
+    EXPECT_EQ(d.OpenInterest, DBL_MAX);
+    EXPECT_EQ(d.ClosePrice, 70005.0);
+    EXPECT_EQ(d.SettlementPrice, DBL_MAX);
+    EXPECT_EQ(d.UpperLimitPrice, 77000.0);
+    EXPECT_EQ(d.LowerLimitPrice, 63000.0);
+    EXPECT_EQ(d.PreDelta, DBL_MAX);
+    EXPECT_EQ(d.CurrDelta, DBL_MAX);
+    EXPECT_STREQ(d.UpdateTime, "09:30:15");
+    EXPECT_EQ(d.UpdateMillisec, 250);
+    const double bidPrices[5] = {d.BidPrice1, d.BidPrice2, d.BidPrice3, d.BidPrice4, d.BidPrice5};
+    const int bidVolumes[5] = {d.BidVolume1, d.BidVolume2, d.BidVolume3, d.BidVolume4, d.BidVolume5};
+    const double askPrices[5] = {d.AskPrice1, d.AskPrice2, d.AskPrice3, d.AskPrice4, d.AskPrice5};
+    const int askVolumes[5] = {d.AskVolume1, d.AskVolume2, d.AskVolume3, d.AskVolume4, d.AskVolume5};
+    const double expBid[5] = {70005.0, 70004.0, 70003.0, 70002.0, DBL_MAX};
+    const double expAsk[5] = {70006.0, 0.0, 70008.0, 70009.0, 70010.0};
+    for (int k = 0; k < 5; ++k) {
+        EXPECT_EQ(bidPrices[k], expBid[k]) << "bid level " << k + 1;
+        EXPECT_EQ(bidVolumes[k], 21 + k) << "bid level " << k + 1;
+        EXPECT_EQ(askPrices[k], expAsk[k]) << "ask level " << k + 1;
+        EXPECT_EQ(askVolumes[k], 11 + k) << "ask level " << k + 1;
+    }
+    EXPECT_EQ(d.AveragePrice, -1.5);
+    EXPECT_STREQ(d.ActionDay, "20240102");
+
+    // Alignment bytes stay zero.
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&d);
+    std::vector<size_t> pads = {217, 218, 219};
+    for (int k = 0; k < 5; ++k)
+        for (size_t base : {236 + 32 * k, 252 + 32 * k})
+            for (size_t i = 0; i < 4; ++i) pads.push_back(base + i);
+    for (size_t i = 401; i < 408; ++i) pads.push_back(i);
+    for (size_t p : pads) EXPECT_EQ(bytes[p], 0) << "byte " << p;
+
+    // The instrument keeps the row as sent and its own copy of the record.
+    EXPECT_EQ(std::memcmp(inst->rawQuote, EncodeQuoteRow(row).data(), kQuoteRowBytes), 0);
+    EXPECT_EQ(std::memcmp(&inst->depth, &d, sizeof(d)), 0);
+    EXPECT_EQ(inst->quoteDate, 20240102u);
+    EXPECT_EQ(inst->quoteTime, 93015250u);
+    EXPECT_EQ(inst->pushedDate, 0u);
+}
+
+TEST_F(QuotationTest, PriceDivisorIsThatOfTheInstrument) {
+    QuoteRow r = Dated("cu2405", 7000550);
+    Quotes(2001, {r});
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(spi.depths[0].LastPrice, 70005.5);
+}
+
+TEST_F(QuotationTest, UndatedRowOfANeverDatedInstrumentIsStoredButNotReported) {
+    Quotes(2001, {Dated("cu2403", 700100, 0)});
+    EXPECT_TRUE(spi.depths.empty());
+    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteDate, 0u);
+}
+
+TEST_F(QuotationTest, UndatedRowKeepsTheEarlierDateAndIsReported) {
+    Quotes(2001, {Dated("cu2403", 700100, 20240102)});
+    QuoteRow later = Dated("cu2403", 700200, 0);
+    later.packedTime = PackQuoteTime(10, 0, 0, 0);
+    Quotes(2001, {later});
+    ASSERT_EQ(spi.depths.size(), 2u);
+    EXPECT_EQ(spi.depths[1].LastPrice, 70020.0);
+    EXPECT_STREQ(spi.depths[1].ActionDay, "20240102");
+    EXPECT_STREQ(spi.depths[1].UpdateTime, "10:00:00");
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93100000u);
+}
+
+TEST_F(QuotationTest, NothingIsDeliveredWithoutTheSnapshotFlag) {
+    MakeApi(false);
+    Build();
+    Quotes(2001, {Dated("cu2403", 700100)});
+    EXPECT_TRUE(spi.depths.empty());
+    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
+}
+
+TEST_F(QuotationTest, SubscriptionModeDeliversSubscribedInstrumentsAndWholeExchanges) {
+    api->m_bSubscribe = true;
+    api->FindExchange("SHFE")->subscribed.insert("cu2405");
+    Quotes(2001, {Dated("cu2403", 700100), Dated("cu2405", 7000000)});
+    Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
+    EXPECT_EQ(Depths(), std::vector<std::string>{"cu2405"});
+
+    api->FindExchange("DCE")->WholeExchange = true;
+    Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
+    EXPECT_EQ(Depths(), (std::vector<std::string>{"cu2405", "a2405"}));
+
+    api->m_bSubscribe = false;
+    Quotes(2001, {Dated("cu2403", 700100)});
+    EXPECT_EQ(Depths().back(), "cu2403");
+}
+
+TEST_F(QuotationTest, LevelChoosesWhichFeedIsRead) {
+    Quotes(2011, {Dated("cu2403", 700100, 20240102, 2011)});
+    EXPECT_TRUE(spi.depths.empty());
+    EXPECT_EQ(api->FindMarket(2011)->FindInstrument("cu2403")->quoteDate, 0u);
+
+    api->m_nLevel = 1;
+    Quotes(2001, {Dated("cu2403", 700100)});
+    Quotes(2011, {Dated("cu2403", 700300, 20240102, 2011)});
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(spi.depths[0].LastPrice, 70030.0);
+}
+
+TEST_F(QuotationTest, UnknownInstrumentsAndMarketsAreSkipped) {
+    Quotes(2001, {Dated("zz9999", 1), Dated("cu2403", 700100)});
+    Quotes(4242, {Dated("cu2403", 700900, 20240102, 4242)});
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_EQ(spi.depths[0].LastPrice, 70010.0);
+}
+
+TEST_F(QuotationTest, CompletesOnlyWithTheLastPacketAndItsLastRow) {
+    api->m_bLog = true;
+    api->m_bModelLoading = true;
+    std::string p0 = QuotationBody(2, 0, 2001, 2, 0, {Dated("cu2403", 700100)});
+    api->ProcessQuotationRsp(p0.data(), static_cast<int>(p0.size()));
+    EXPECT_TRUE(api->m_bModelLoading);
+    EXPECT_TRUE(spi.statuses.empty());
+
+    std::string p1 = QuotationBody(2, 1, 2001, 2, 1, {Dated("cu2405", 7000000)});
+    api->ProcessQuotationRsp(p1.data(), static_cast<int>(p1.size()));
+    EXPECT_FALSE(api->m_bModelLoading);
+    EXPECT_NE(LogText().find("Quotation Completed"), std::string::npos);
+
+    // Every exchange's main market, in key order, with its status.
+    ASSERT_EQ(spi.statuses.size(), 2u);
+    EXPECT_STREQ(spi.statuses[0].ExchangeID, "DCE");
+    EXPECT_EQ(spi.statuses[0].MarketStatus, '4');
+    EXPECT_STREQ(spi.statuses[1].ExchangeID, "SHFE");
+    EXPECT_EQ(spi.statuses[1].MarketStatus, '2');
+    EXPECT_STREQ(spi.statuses[1].TradingDay, "20240102");
+    EXPECT_STREQ(spi.statuses[1].UpdateTime, "09:30:00");
+}
+
+TEST_F(QuotationTest, MainMarketStatusSevenIsReportedAsSix) {
+    Status({Market(2001, 7)});
+    spi.statuses.clear();
+    Quotes(2001, {});
+    ASSERT_EQ(spi.statuses.size(), 2u);
+    EXPECT_EQ(spi.statuses[1].MarketStatus, '6');
+}
+
+TEST_F(QuotationTest, EmptyMarketOrNotAdmittedMarketStillCompletes) {
+    Quotes(2011, {});
+    EXPECT_EQ(spi.statuses.size(), 2u);
+    Quotes(4242, {});
+    EXPECT_EQ(spi.statuses.size(), 4u);
+}
+
+TEST_F(QuotationTest, HeldDynamicInformationIsReplayedInOrderBeforeTheStatusReports) {
+    Quotes(2001, {FullRow()});
+    spi.events.clear();
+    api->m_bModelLoading = true;
+    PushedRow first(2001, "cu2403", 20240102, PackQuoteTime(9, 30, 20, 0));
+    first.Price(kPushLast, 700300);
+    PushedRow second(2001, "cu2403", 20240102, PackQuoteTime(9, 30, 21, 0));
+    second.Price(kPushLast, 700400);
+    api->m_heldDynainfo.push_back(DynaPushRecord(1, first));
+    api->m_heldDynainfo.push_back(DynaPushRecord(2, second));
+
+    std::string last = QuotationBody(1, 0, 2001, 0, 0, {});
+    api->ProcessQuotationRsp(last.data(), static_cast<int>(last.size()));
+
+    EXPECT_TRUE(api->m_heldDynainfo.empty());
+    std::vector<std::string> events = spi.Events();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0], "depth:cu2403");
+    EXPECT_EQ(events[1], "depth:cu2403");
+    EXPECT_EQ(events[2].rfind("status:", 0), 0u);
+    ASSERT_EQ(spi.depths.size(), 3u);
+    EXPECT_EQ(spi.depths[1].LastPrice, 70030.0);
+    EXPECT_EQ(spi.depths[2].LastPrice, 70040.0);
+    EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93021000u);
+}
+
+TEST_F(QuotationTest, CompletionWithoutCallbackObjectMakesNoCall) {
+    api->RegisterSpi(nullptr);
+    Quotes(2001, {Dated("cu2403", 700100)});
+    EXPECT_TRUE(spi.Events().empty());
+    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
+}
+
+TEST_F(QuotationTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {
+    std::vector<char> body = Exact(QuotationBody(1, 0, 2001, 3, 0, {Dated("cu2403", 700100)}, 3));
+    api->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
+    EXPECT_EQ(Depths(), std::vector<std::string>{"cu2403"});
+    EXPECT_TRUE(spi.statuses.empty());
+
+    std::vector<char> head = Exact(QuotationBody(1, 0, 2001, 0, 0, {}).substr(0, 13));
+    api->ProcessQuotationRsp(head.data(), static_cast<int>(head.size()));
+    EXPECT_TRUE(spi.statuses.empty());
+}
+
+TEST_F(QuotationTest, TenThousandInstrumentSnapshotLoadsInFullPackets) {
+    constexpr int kCount = 10000;
+    std::vector<NameRow> names;
+    for (int i = 0; i < kCount; ++i) {
+        char code[16];
+        std::snprintf(code, sizeof(code), "x%05d", i);
+        names.push_back({code, code, code, 100, 1, 0});
+    }
+    const auto start = std::chrono::steady_clock::now();
+    Status({Market(5000)});
+    spi.statuses.clear();
+    constexpr int kNamesPerPacket = 48;    // 22 + 48 * 84 <= 4092
+    for (int first = 0; first < kCount; first += kNamesPerPacket) {
+        std::vector<NameRow> part(names.begin() + first, names.begin() + std::min(kCount, first + kNamesPerPacket));
+        std::string body = NameTableBody(5000, kCount, static_cast<uint16_t>(first), part);
+        ASSERT_LE(body.size(), 4092u);
+        api->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
+    }
+    constexpr int kRowsPerPacket = 15;     // 14 + 15 * 263 <= 4092
+    const int packets = (kCount + kRowsPerPacket - 1) / kRowsPerPacket;
+    for (int p = 0; p < packets; ++p) {
+        std::vector<QuoteRow> rows;
+        for (int i = p * kRowsPerPacket; i < std::min(kCount, (p + 1) * kRowsPerPacket); ++i)
+            rows.push_back(Dated(names[static_cast<size_t>(i)].marketCode.c_str(), i + 1, 20240102, 5000));
+        std::string body = QuotationBody(static_cast<uint16_t>(packets), static_cast<uint16_t>(p), 5000, kCount,
+                                         static_cast<uint16_t>(p * kRowsPerPacket), rows);
+        ASSERT_LE(body.size(), 4092u);
+        api->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+    EXPECT_EQ(api->FindMarket(5000)->instrumentsById.size(), static_cast<size_t>(kCount));
+    ASSERT_EQ(spi.depths.size(), static_cast<size_t>(kCount));
+    EXPECT_EQ(spi.depths[9999].LastPrice, 100.0);
+    EXPECT_EQ(spi.statuses.size(), 3u);    // completed once
+    EXPECT_LT(seconds, 10.0);
+}
