@@ -38,6 +38,7 @@ enum QxFieldType {
 class CQxDataField {
 public:
     union Value {
+        Value() : d(0.0) {}  // all 8 bytes zero
         signed char i8;
         short i16;
         int i32;
@@ -47,7 +48,7 @@ public:
 
     int type = QXFT_NONE;
     unsigned short id = 0;
-    Value value{};           // numeric value once decoded
+    Value value;             // numeric value once decoded
     std::string strValue;    // text value once decoded
     bool valid = false;      // a value was decoded
     char name[64] = {};

@@ -299,9 +299,10 @@ int DecodeFieldData(const char* src, int avail, char* dst, const CQxDataField* f
         if (!FindWideEnd(src, avail, units)) return -1;
         const int cap = TextCapacity(field);
         if (cap >= 0) {
-            // Same result as UnicodeToANSI, converted straight from the wire.
+            // Same result as UnicodeToANSI, converted straight from the wire:
+            // each 32-bit unit is two 16-bit units.
             const size_t n = CUnicodeConverter::UTF16Bytes_To_UTF8(
-                src, static_cast<size_t>(units) * sizeof(wchar_t) / 2, dst, static_cast<size_t>(cap));
+                src, static_cast<size_t>(units) * 2, dst, static_cast<size_t>(cap));
             std::memset(dst + n, 0, cap - n + 1);
         }
         return (units + 1) * 4;

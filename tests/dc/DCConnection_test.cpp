@@ -2,6 +2,8 @@
 // heartbeats, the daily reconnect and every reason handed to OnFrontLost.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -198,22 +200,26 @@ TEST_F(DCConnection, SuccessfulAnswerSplitOverTwoReadsAfterAnUnknownFrame) {
 TEST_F(DCConnection, ServerCloseResetAndBadFramesGiveTheirReasons) {
     Start();
     ASSERT_TRUE(spi.WaitFor("linked"));
+    ASSERT_TRUE(server.WaitForAccepted(1));
     server.CloseClient(false);
     ASSERT_TRUE(spi.WaitFor("lost:0"));
 
     FakeClock::AdvanceMs(10000);
     ASSERT_TRUE(spi.WaitFor("linked", 2));
+    ASSERT_TRUE(server.WaitForAccepted(2));
     server.CloseClient(true);
     ASSERT_TRUE(spi.WaitFor("lost:4097"));
 
     FakeClock::AdvanceMs(10000);
     ASSERT_TRUE(spi.WaitFor("linked", 3));
+    ASSERT_TRUE(server.WaitForAccepted(3));
     std::string header = "@\xA6\xFD\x0F";   // body of 4093 bytes announced
     server.SendRaw(header);
     ASSERT_TRUE(spi.WaitFor("lost:8195"));
 
     FakeClock::AdvanceMs(10000);
     ASSERT_TRUE(spi.WaitFor("linked", 4));
+    ASSERT_TRUE(server.WaitForAccepted(4));
     server.Send(101, std::string(5000, 'z'), true);   // inflates past 4092
     ASSERT_TRUE(spi.WaitFor("lost:8195", 2));
     EXPECT_EQ(0, spi.Count("login:0"));
@@ -264,14 +270,24 @@ TEST_F(DCConnection, ExceptionInAStepResetsWith65535) {
 }
 
 TEST_F(DCConnection, NoFrontReachableGives4099AndAllFrontsAgain) {
-    server.StopListening();
+    // A port bound but not listening refuses every connection.
+    int dead = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    socklen_t len = sizeof(addr);
+    getsockname(dead, reinterpret_cast<sockaddr*>(&addr), &len);
     FakeClock::SetRandom({0, 1});
-    std::string a = server.FrontAddress();
+    std::string a = "tcp://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
     Start({a, a});
     ASSERT_TRUE(spi.WaitFor("lost:4099"));
     EXPECT_EQ(0, spi.Count("linked"));
     ASSERT_EQ(2u, api->FrontCount());
     EXPECT_TRUE(WaitUntil([&] { return api->Front(0).usable && api->Front(1).usable; }));
+    api->Release();
+    api = nullptr;
+    close(dead);
 }
 
 TEST_F(DCConnection, NoFrontRegisteredOnlySleeps) {

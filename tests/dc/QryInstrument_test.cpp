@@ -128,7 +128,8 @@ TEST_F(QryInstrumentTest, UnknownExchangeGetsOneErrorAnswer) {
 }
 
 TEST_F(QryInstrumentTest, QueryWaitsForAHalfReceivedNameTable) {
-    std::string part = NameTableBody(2001, 3, 0, {{"A", "cu01", "CU01", 1, 1, 0}, {"B", "cu02", "CU02", 1, 1, 0}});
+    Status({Market(2000)});   // a second SHFE market, its names still to come
+    std::string part = NameTableBody(2000, 3, 0, {{"A", "cu01", "CU01", 1, 1, 0}, {"B", "cu02", "CU02", 1, 1, 0}});
     api->ProcessNametableRsp(part.data(), static_cast<int>(part.size()));
     Ask(Query("SHFE"), 5);
     Ask(Query("DCE"), 6);
@@ -136,10 +137,11 @@ TEST_F(QryInstrumentTest, QueryWaitsForAHalfReceivedNameTable) {
     EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!"}));
     ASSERT_EQ(api->m_qryQueue.size(), 1u);
 
-    std::string rest = NameTableBody(2001, 3, 2, {{"C", "cu03", "CU03", 1, 1, 0}});
+    std::string rest = NameTableBody(2000, 3, 2, {{"C", "cu03", "CU03", 1, 1, 0}});
     api->ProcessNametableRsp(rest.data(), static_cast<int>(rest.size()));
     api->CheckQryInstrument();
-    EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!", "5:cu01", "5:cu02", "5:cu03!"}));
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!", "5:cu2403", "5:cu2405", "5:cu01", "5:cu02",
+                                                    "5:cu03!"}));
     EXPECT_TRUE(api->m_qryQueue.empty());
 }
 
