@@ -1,9 +1,10 @@
 // The DC worker: the one thread that talks to the quote server.
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,7 +27,9 @@ void SleepWhileRunning(const std::atomic<bool>& running, unsigned ms) {
     }
 }
 
-bool ResolveAndConnect(int sock, const _FrontInfo& front) {
+constexpr int kConnectLimitMs = 127000;
+
+bool ResolveAndConnect(int sock, const _FrontInfo& front, const std::atomic<bool>& running) {
     sockaddr_in addr;
     std::memset(&addr, 0, sizeof(addr));
     addr.sin_family = AF_INET;
@@ -46,7 +49,27 @@ bool ResolveAndConnect(int sock, const _FrontInfo& front) {
     } else {
         addr.sin_addr.s_addr = a;
     }
-    return connect(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    // The connect waits as long as a blocking one would, but in short slices
+    // so that Release does not hang on a front that never answers.
+    int flags = fcntl(sock, F_GETFL, 0);
+    fcntl(sock, F_SETFL, flags | O_NONBLOCK);
+    bool ok = connect(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    if (!ok && errno == EINPROGRESS) {
+        for (int waited = 0; running && waited < kConnectLimitMs; waited += 50) {
+            pollfd p{sock, POLLOUT, 0};
+            int rc = poll(&p, 1, 50);
+            if (rc < 0 && errno != EINTR) break;
+            if (rc > 0) {
+                int err = 0;
+                socklen_t len = sizeof(err);
+                getsockopt(sock, SOL_SOCKET, SO_ERROR, &err, &len);
+                ok = err == 0;
+                break;
+            }
+        }
+    }
+    fcntl(sock, F_SETFL, flags);
+    return ok;
 }
 
 }  // namespace
@@ -106,11 +129,11 @@ void CDCThread::WorkLoop() {
 
             int64_t sock = m_socket.load();
             if (sock >= 0) {
-                fd_set readable;
-                FD_ZERO(&readable);
-                FD_SET(static_cast<int>(sock), &readable);
-                timeval tv{0, 2000};
-                int rc = select(static_cast<int>(sock) + 1, &readable, nullptr, nullptr, &tv);
+                // poll rather than select: a trading process may hold more
+                // than FD_SETSIZE descriptors. The wait is the same 2 ms.
+                pollfd readable{static_cast<int>(sock), POLLIN, 0};
+                int rc = poll(&readable, 1, 2);
+                if (rc < 0 && errno == EINTR) rc = 0;
                 if (rc < 0) {
                     int err = errno;
                     std::lock_guard<std::recursive_mutex> lock(m_sendLock);
@@ -119,7 +142,7 @@ void CDCThread::WorkLoop() {
                     Reset();
                     continue;
                 }
-                if (rc > 0 && FD_ISSET(static_cast<int>(sock), &readable)) ReadSocket();
+                if (rc > 0 && readable.revents) ReadSocket();
             }
 
             if (orvex::NowTick() - lastHeartBeat > 14999) {
@@ -151,7 +174,7 @@ void CDCThread::Connect() {
     const int count = static_cast<int>(m_fronts.size());
     if (m_nCurrentFront >= 0 && m_nCurrentFront < count && m_fronts[m_nCurrentFront].usable) {
         const _FrontInfo& front = m_fronts[m_nCurrentFront];
-        if (ResolveAndConnect(sock, front)) {
+        if (ResolveAndConnect(sock, front, m_bRunning)) {
             connected = true;
             Log("DC Connected : %s:%d", front.host, front.port);
             m_bRefresh = m_bModelLoading;
@@ -170,7 +193,7 @@ void CDCThread::Connect() {
                 i = draws < 256 ? orvex::Random() % count : (i + 1) % count;
             }
             const _FrontInfo& front = m_fronts[i];
-            if (ResolveAndConnect(sock, front)) {
+            if (ResolveAndConnect(sock, front, m_bRunning)) {
                 connected = true;
                 Log("DC Connected : %s:%d", front.host, front.port);
                 m_bRefresh = true;

@@ -28,8 +28,8 @@ __attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, co
 }
 
 constexpr unsigned kRecordHead = 7;
-constexpr int kStatusPayload = 16;
-constexpr int kPushHead = 39;     // masks, market, code, date, time
+constexpr unsigned kStatusPayload = 16;
+constexpr unsigned kPushHead = 39;   // masks, market, code, date, time
 
 enum : uint8_t { kTypeStatus = 0, kTypePush = 1, kTypeTemplate = 2 };
 
@@ -45,6 +45,130 @@ constexpr int kMaxDaySteps = 366;
 
 CTime64 TimeOfDate(uint32_t ymd, unsigned h, unsigned mi, unsigned s, unsigned ms) {
     return CTime64(ymd / 10000, ymd / 100 % 100, ymd % 100, h, mi, s, ms);
+}
+
+COrvexWiraMdSpi* SpiOf(const CDCThread& api) { return api.m_pSpi.load(std::memory_order_acquire); }
+
+// Delivery filter shared by all pushes: in subscription mode only what the
+// exchange has subscribed (or the whole exchange) reaches the caller.
+bool Subscribed(const CDCThread& api, const CQxExchange* exchange, const char* instrumentId) {
+    if (!api.m_bSubscribe) return true;
+    if (!exchange) return false;
+    if (exchange->WholeExchange) return true;
+    return exchange->subscribed.find(std::string_view(instrumentId, strnlen(instrumentId, 31))) !=
+           exchange->subscribed.end();
+}
+
+// A market status change (16-byte payload).
+void ApplyStatusRecord(CDCThread& api, const char* payload) {
+    const uint16_t id = Rd<uint16_t>(payload);
+    const uint32_t tradingDay = Rd<uint32_t>(payload + 2);
+    const uint8_t code = Rd<uint8_t>(payload + 6);
+    const uint8_t code2 = Rd<uint8_t>(payload + 7);
+    const uint32_t secondDay = Rd<uint32_t>(payload + 8);
+    const uint32_t timeWord = Rd<uint32_t>(payload + 12);
+    CQxMarket* market = api.FindMarket(id);
+    if (!market) return;
+
+    if (market->tradingDay != tradingDay && code != 0) {
+        // A new trading day: the market's instruments are listed anew. The
+        // two status codes are stored crosswise here.
+        market->tradingDay = tradingDay;
+        market->secondDay = secondDay;
+        market->timeWord = timeWord;
+        market->status = code2;
+        market->status2 = code;
+        market->NameTableComplete = false;
+        api.ReqMarketNametable(id);
+    } else {
+        if (secondDay < market->secondDay || (secondDay == market->secondDay && timeWord <= market->timeWord))
+            return;
+        if (market->tradingDay == tradingDay) {
+            market->secondDay = secondDay;
+            market->timeWord = timeWord;
+            market->status = code;
+            market->status2 = code2;
+        }
+    }
+    if (id == api.m_extraMarket.ids[0])
+        PrintField(api.m_szTradingDay, sizeof(api.m_szTradingDay), "%d", static_cast<int>(tradingDay));
+
+    // Only the exchange's main market speaks for the exchange.
+    COrvexWiraMdSpi* spi = SpiOf(api);
+    if (!spi) return;
+    COrvexWiraMarketStatusField status;
+    CDCThread::FillStatusRecord(&status, market->exchangeCode, tradingDay, secondDay, timeWord,
+                                CDCThread::StatusChar(code));
+    CQxExchange* exchange = api.FindExchange(std::string_view(market->exchangeCode));
+    CQxMarket* main = exchange ? exchange->GetMainMarket() : nullptr;
+    if (main && main->marketId == id) spi->OnStatusChange(&status);
+}
+
+// The date a pushed row belongs to, or 0 when it is stale. dd is the
+// instrument's date; b the market's clock; the row's time of day is h:mi:s.ms.
+uint32_t RowDate(uint32_t dd, const CTime64& b, unsigned h, unsigned mi, unsigned s, unsigned ms) {
+    CTime64 a = TimeOfDate(dd, h, mi, s, ms);
+    if (!(a < b)) return a.GetSpanSeconds(b) <= kStaleSpan - 1 ? dd : 0;
+    // Behind the market: carry the row forward to the day that brings it
+    // level with the market's clock.
+    int steps = 0;
+    while (a < b && steps < kMaxDaySteps) {
+        a.NextDay();
+        ++steps;
+    }
+    if (a < b) {
+        a = CTime64(b.GetYear(), b.GetMonth(), b.GetDay(), h, mi, s, ms);
+        if (a < b) a.NextDay();
+    }
+    if (a.GetSpanSeconds(b) >= kStaleSpan) return dd;
+    return static_cast<uint32_t>(a.GetYear()) * 10000u + static_cast<uint32_t>(a.GetMonth()) * 100u +
+           static_cast<uint32_t>(a.GetDay());
+}
+
+// A pushed quote row of rowLength bytes (at least its 39-byte head).
+void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
+    const char* code = row + 10;
+    const std::string_view codeView(code, strnlen(code, 21));
+    const int codeLen = static_cast<int>(codeView.size());
+    CQxMarket* market = api.FindMarket(Rd<uint16_t>(row + 8));
+    if (!market) {
+        if (api.m_bLog) api.Log("Can not find Family:%.*s", codeLen, code);
+        return;
+    }
+    if (!api.Level(market->marketId)) return;
+    CQxExchange* exchange = api.FindExchange(std::string_view(market->exchangeCode));
+    CQxInstrument* inst = market->FindInstrument(codeView);
+    if (!inst) {
+        if (api.m_bLog) api.Log("Can not find Instrument:%.*s", codeLen, code);
+        return;
+    }
+
+    if (inst->quoteDate == 0) {
+        inst->quoteDate = market->secondDay;
+        inst->quoteTime = market->timeWord;
+    }
+    const uint32_t packed = Rd<uint32_t>(row + 35);
+    const unsigned h = packed >> 22, mi = (packed >> 16) & 0x3F, s = (packed >> 10) & 0x3F, ms = packed & 0x3FF;
+    const uint32_t qt = h * 10000000u + mi * 100000u + s * 1000u + ms;
+    const uint32_t dd = inst->quoteDate, dt = inst->quoteTime;
+    const uint32_t md = market->secondDay, mt = market->timeWord;
+    const CTime64 b = TimeOfDate(md, mt / 10000000u, mt % 10000000u / 100000u, mt % 100000u / 1000u, mt % 1000u);
+
+    // Accepted when it is on a later day, or on the same day and not older.
+    const uint32_t n = RowDate(dd, b, h, mi, s, ms);
+    if (n == 0 || !((dd == n && dt <= qt) || dd < n)) {
+        if (api.m_bLog) api.Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
+        return;
+    }
+
+    inst->quoteDate = n;
+    inst->quoteTime = qt;
+    inst->pushedDate = Rd<uint32_t>(row + 31);
+    COrvexWiraDepthMarketDataField out;
+    const bool applied = api.m_bDeltaQuot ? api.ProcessPushQuotationDelta(row, rowLength, inst, nullptr, &out)
+                                          : api.ProcessPushQuotation(row, rowLength, inst, &out);
+    COrvexWiraMdSpi* spi = SpiOf(api);
+    if (applied && spi && Subscribed(api, exchange, out.InstrumentID)) spi->OnDepthMarketData(&out);
 }
 
 }  // namespace
@@ -68,128 +192,20 @@ void CDCThread::ProcessDynainfo(const char* body, unsigned int length) {
         const char* payload = rec + kRecordHead;
         pos += kRecordHead + payloadLength;
 
-        if (type == kTypeStatus) {
-            if (payloadLength < static_cast<unsigned>(kStatusPayload)) continue;
-            const uint16_t id = Rd<uint16_t>(payload);
-            const uint32_t tradingDay = Rd<uint32_t>(payload + 2);
-            const uint8_t code = Rd<uint8_t>(payload + 6);
-            const uint8_t code2 = Rd<uint8_t>(payload + 7);
-            const uint32_t secondDay = Rd<uint32_t>(payload + 8);
-            const uint32_t timeWord = Rd<uint32_t>(payload + 12);
-            CQxMarket* market = FindMarket(id);
-            if (!market) continue;
-
-            if (market->tradingDay != tradingDay && code != 0) {
-                // A new trading day: the market's instruments are listed
-                // anew. The two status codes are stored crosswise here.
-                market->tradingDay = tradingDay;
-                market->secondDay = secondDay;
-                market->timeWord = timeWord;
-                market->status = code2;
-                market->status2 = code;
-                market->NameTableComplete = false;
-                ReqMarketNametable(id);
-            } else {
-                if (secondDay < market->secondDay || (secondDay == market->secondDay && timeWord <= market->timeWord))
-                    continue;
-                if (market->tradingDay == tradingDay) {
-                    market->secondDay = secondDay;
-                    market->timeWord = timeWord;
-                    market->status = code;
-                    market->status2 = code2;
-                }
-            }
-            if (id == m_extraMarket.ids[0])
-                PrintField(m_szTradingDay, sizeof(m_szTradingDay), "%d", static_cast<int>(tradingDay));
-
-            COrvexWiraMdSpi* spi = Spi();
-            if (!spi) continue;
-            COrvexWiraMarketStatusField status;
-            FillStatusRecord(&status, market->exchangeCode, tradingDay, secondDay, timeWord, StatusChar(code));
-            CQxExchange* exchange = FindExchange(std::string_view(market->exchangeCode));
-            CQxMarket* main = exchange ? exchange->GetMainMarket() : nullptr;
-            if (main && main->marketId == id) spi->OnStatusChange(&status);
-        } else if (type == kTypePush) {
-            if (payloadLength < static_cast<unsigned>(kPushHead)) continue;
-            const char* row = payload;
-            const char* code = row + 10;
-            const std::string_view codeView(code, strnlen(code, 21));
-            const int codeLen = static_cast<int>(codeView.size());
-            CQxMarket* market = FindMarket(Rd<uint16_t>(row + 8));
-            if (!market) {
-                if (m_bLog) Log("Can not find Family:%.*s", codeLen, code);
-                continue;
-            }
-            if (!Level(market->marketId)) continue;
-            CQxExchange* exchange = FindExchange(std::string_view(market->exchangeCode));
-            CQxInstrument* inst = market->FindInstrument(codeView);
-            if (!inst) {
-                if (m_bLog) Log("Can not find Instrument:%.*s", codeLen, code);
-                continue;
-            }
-
-            if (inst->quoteDate == 0) {
-                inst->quoteDate = market->secondDay;
-                inst->quoteTime = market->timeWord;
-            }
-            const uint32_t packed = Rd<uint32_t>(row + 35);
-            const unsigned h = packed >> 22, mi = (packed >> 16) & 0x3F, s = (packed >> 10) & 0x3F,
-                           ms = packed & 0x3FF;
-            const uint32_t qt = h * 10000000u + mi * 100000u + s * 1000u + ms;
-            const uint32_t dd = inst->quoteDate, dt = inst->quoteTime;
-            const uint32_t md = market->secondDay, mt = market->timeWord;
-
-            // Date of the row: the instrument's own date, or, when the row is
-            // behind the market's clock, the day that brings it level.
-            CTime64 a = TimeOfDate(dd, h, mi, s, ms);
-            const CTime64 b = TimeOfDate(md, mt / 10000000u, mt % 10000000u / 100000u, mt % 100000u / 1000u,
-                                         mt % 1000u);
-            uint32_t n;
-            bool stale = false;
-            if (!(a < b)) {
-                if (a.GetSpanSeconds(b) <= kStaleSpan - 1) n = dd;
-                else stale = true;
-            } else {
-                int steps = 0;
-                while (a < b && steps < kMaxDaySteps) {
-                    a.NextDay();
-                    ++steps;
-                }
-                if (a < b) {
-                    a = CTime64(b.GetYear(), b.GetMonth(), b.GetDay(), h, mi, s, ms);
-                    if (a < b) a.NextDay();
-                }
-                if (a.GetSpanSeconds(b) < kStaleSpan)
-                    n = static_cast<uint32_t>(a.GetYear()) * 10000u + static_cast<uint32_t>(a.GetMonth()) * 100u +
-                        static_cast<uint32_t>(a.GetDay());
-                else
-                    n = dd;
-            }
-            if (stale || !((dd == n && dt <= qt) || dd < n)) {
-                if (m_bLog)
-                    Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
-                continue;
-            }
-
-            inst->quoteDate = n;
-            inst->quoteTime = qt;
-            inst->pushedDate = Rd<uint32_t>(row + 31);
-            COrvexWiraDepthMarketDataField out;
-            const bool applied = m_bDeltaQuot
-                                     ? ProcessPushQuotationDelta(row, static_cast<int>(payloadLength), inst, nullptr, &out)
-                                     : ProcessPushQuotation(row, static_cast<int>(payloadLength), inst, &out);
-            COrvexWiraMdSpi* spi = Spi();
-            if (!applied || !spi) continue;
-            if (m_bSubscribe) {
-                if (!exchange) continue;
-                if (!exchange->WholeExchange &&
-                    exchange->subscribed.find(std::string_view(out.InstrumentID)) == exchange->subscribed.end())
-                    continue;
-            }
-            spi->OnDepthMarketData(&out);
-        } else if (type == kTypeTemplate) {
-            if (payloadLength < 2) continue;
-            ProcessTemplatePackage(Rd<uint16_t>(payload), payload + 2, static_cast<int>(payloadLength - 2));
+        // Records too short for their fixed part are skipped.
+        switch (type) {
+            case kTypeStatus:
+                if (payloadLength >= kStatusPayload) ApplyStatusRecord(*this, payload);
+                break;
+            case kTypePush:
+                if (payloadLength >= kPushHead) ApplyPushedRow(*this, payload, static_cast<int>(payloadLength));
+                break;
+            case kTypeTemplate:
+                if (payloadLength >= 2)
+                    ProcessTemplatePackage(Rd<uint16_t>(payload), payload + 2, static_cast<int>(payloadLength - 2));
+                break;
+            default:
+                break;
         }
     }
 }

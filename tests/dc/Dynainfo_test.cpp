@@ -1,8 +1,26 @@
 // Dynamic information: status records, the currency test of pushed rows,
 // delivery, and the walk over a body's records.
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
 #include "dc/HandlerKit.h"
 
 using namespace orvex_test;
+
+// Every allocation of this test program is counted, so that the steady
+// state of the push path can be shown to allocate nothing.
+namespace {
+std::atomic<long> g_allocations{0};
+}
+
+__attribute__((noinline)) void* operator new(std::size_t n) {
+    ++g_allocations;
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -17,6 +35,10 @@ MarketStatusRow StatusOf(uint16_t id, uint32_t day, uint8_t code, uint32_t secon
     r.timeWord = timeWord;
     return r;
 }
+
+// Longer than any short-string buffer: a temporary string of it would
+// allocate.
+const char kLongCode[] = "copper2403longcode";
 
 PushedRow At(const char* code, unsigned h, unsigned m, unsigned s, unsigned ms, int32_t last, uint16_t market = 2001,
              uint32_t date = 20240102) {
@@ -34,7 +56,9 @@ protected:
         api->m_access.allAccess = true;   // main markets follow the preferred ids
         Status({StatusOf(2000, 20240102, 1, 20240102, 93000000), StatusOf(2001, 20240102, 1, 20240102, 93000000),
                 StatusOf(2101, 20240102, 1, 20240102, 93000000)});
-        Names(2001, {{"Copper", "cu2403", "CU2403", 10, 5, 0}, {"Copper 5", "cu2405", "CU2405", 10, 5, 0}});
+        Names(2001, {{"Copper", "cu2403", "CU2403", 10, 5, 0},
+                     {"Copper 5", "cu2405", "CU2405", 10, 5, 0},
+                     {"Long code", kLongCode, "LONGCODE", 10, 5, 0}});
         Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
         spi.events.clear();
         spi.statuses.clear();
@@ -116,13 +140,6 @@ TEST_F(DynainfoTest, TheShfeSlotMarketSetsTheTradingDayText) {
     EXPECT_STREQ(api->GetTradingDay(), "20240102");
     Dyna(DynaStatusRecord(2, StatusOf(2001, 20240105, 1, 20240104, 210000000)));
     EXPECT_STREQ(api->GetTradingDay(), "20240105");
-}
-
-TEST_F(DynainfoTest, StatusRecordsWithoutCallbackObjectStillUpdateTheModel) {
-    api->RegisterSpi(nullptr);
-    Dyna(DynaStatusRecord(1, StatusOf(2001, 20240102, 2, 20240102, 100000000)));
-    EXPECT_EQ(api->FindMarket(2001)->status, 2);
-    EXPECT_TRUE(spi.Events().empty());
 }
 
 // ---- pushed rows: which are current ----
@@ -224,11 +241,47 @@ TEST_F(DynainfoTest, LevelUnknownMarketsAndInstrumentsAreSkipped) {
     EXPECT_NE(log.find("Can not find Instrument:zz02"), std::string::npos);
 }
 
-TEST_F(DynainfoTest, PushesWithoutCallbackObjectStillUpdateTheInstrument) {
+TEST_F(DynainfoTest, WithoutCallbackObjectTheModelIsStillKeptCurrent) {
     Clock(20240102, 93000000, 20240102, 93000000);
     api->RegisterSpi(nullptr);
-    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)) +
+         DynaStatusRecord(2, StatusOf(2001, 20240102, 2, 20240102, 100000000)));
     EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70030.0);
+    EXPECT_EQ(api->FindMarket(2001)->status, 2);
+    EXPECT_TRUE(spi.Events().empty());
+}
+
+TEST_F(DynainfoTest, SteadyStatePushesAndStatusRecordsAllocateNothing) {
+    struct CountingSpi : COrvexWiraMdSpi {
+        void OnDepthMarketData(COrvexWiraDepthMarketDataField*) override { ++depths; }
+        void OnStatusChange(COrvexWiraMarketStatusField*) override { ++statuses; }
+        int depths = 0;
+        int statuses = 0;
+    } counting;
+    api->RegisterSpi(&counting);
+    api->m_bSubscribe = true;
+    api->FindExchange("SHFE")->subscribed.insert(kLongCode);
+    Inst(2001, kLongCode)->quoteDate = 20240102;
+    Inst(2001, kLongCode)->quoteTime = 93000000;
+
+    std::vector<std::string> bodies;
+    for (unsigned i = 0; i <= 400; ++i) {
+        PushedRow row = At(kLongCode, 10, i / 60, i % 60, 0, 700000 + static_cast<int32_t>(i));
+        row.Volume(i).Bid(1, 700000, i).Ask(1, 700010, i);
+        bodies.push_back(DynaPushRecord(i, row) +
+                         DynaStatusRecord(i, StatusOf(2001, 20240102, 1, 20240102, 100000000 + i)));
+    }
+    Dyna(bodies[0]);   // warm-up
+    for (bool delta : {false, true}) {
+        api->m_bDeltaQuot = delta;
+        const long before = g_allocations.load();
+        for (size_t i = delta ? 201 : 1; i <= (delta ? 400u : 200u); ++i)
+            api->ProcessDynainfo(bodies[i].data(), static_cast<unsigned>(bodies[i].size()));
+        EXPECT_EQ(g_allocations.load() - before, 0) << (delta ? "delta" : "full");
+    }
+    EXPECT_EQ(counting.depths, 401);
+    EXPECT_EQ(counting.statuses, 401);
+    api->RegisterSpi(&spi);
 }
 
 // ---- the walk ----

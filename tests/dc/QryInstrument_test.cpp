@@ -71,12 +71,9 @@ protected:
     HookSpi hookSpi;
 };
 
-TEST_F(QryInstrumentTest, NullQueryIsRefused) {
+TEST_F(QryInstrumentTest, QueryIsCopiedWhenQueuedAndANullOneRefused) {
     EXPECT_EQ(api->ReqQryInstrument(nullptr, 1), -1);
     EXPECT_TRUE(api->m_qryQueue.empty());
-}
-
-TEST_F(QryInstrumentTest, QueryIsCopiedWhenQueued) {
     COrvexWiraQryInstrumentField q = Query("SHFE", "cu2403");
     EXPECT_EQ(api->ReqQryInstrument(&q, 9), 0);
     std::memset(&q, 0, sizeof(q));

@@ -150,13 +150,6 @@ TEST_F(QuotationTest, RowBecomesTheDepthRecordFieldByField) {
     EXPECT_EQ(inst->pushedDate, 0u);
 }
 
-TEST_F(QuotationTest, PriceDivisorIsThatOfTheInstrument) {
-    QuoteRow r = Dated("cu2405", 7000550);
-    Quotes(2001, {r});
-    ASSERT_EQ(spi.depths.size(), 1u);
-    EXPECT_EQ(spi.depths[0].LastPrice, 70005.5);
-}
-
 TEST_F(QuotationTest, UndatedRowOfANeverDatedInstrumentIsStoredButNotReported) {
     Quotes(2001, {Dated("cu2403", 700100, 0)});
     EXPECT_TRUE(spi.depths.empty());

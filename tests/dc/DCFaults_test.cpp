@@ -1,0 +1,256 @@
+// Faults of the quote server and of the network: stalls, closes and resets in
+// the middle of a frame, garbage, silent servers, fronts that never answer,
+// many reconnections, and Release at every stage of a connection.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "dc/DCThread.h"
+#include "support/FakeQuoteServer.h"
+#include "support/QuoteBodies.h"
+#include "support/RecordingSpi.h"
+
+using namespace orvex_test;
+
+namespace {
+
+int CountEntries(const char* dir) {
+    DIR* d = opendir(dir);
+    if (!d) return -1;
+    int n = 0;
+    while (readdir(d)) ++n;
+    closedir(d);
+    return n;
+}
+
+std::string SuccessAnswer(const DcFrame& login) {
+    std::string answer(512, '\0');
+    std::memcpy(&answer[0], login.body.data(), 2);
+    return answer;
+}
+
+class DCFaults : public ::testing::Test {
+protected:
+    void TearDown() override {
+        if (api) api->Release();
+    }
+    void Start(const std::string& front) {
+        api = new CDCThread("", true);
+        api->RegisterSpi(&spi);
+        std::string f = front;
+        api->RegisterFront(&f[0]);
+        api->Init();
+    }
+    void StartAndLink() {
+        Start(server.FrontAddress());
+        ASSERT_TRUE(spi.WaitFor("linked"));
+        ASSERT_TRUE(server.WaitForAccepted(1));
+    }
+    void Login() {
+        COrvexWiraReqUserLoginField req;
+        std::memset(&req, 0, sizeof(req));
+        std::strcpy(req.UserID, "u");
+        ASSERT_EQ(0, api->ReqUserLogin(&req, 5));
+    }
+    // Releases and checks that it returned promptly.
+    void TimedRelease(int limitMs = 1500) {
+        auto t0 = std::chrono::steady_clock::now();
+        api->Release();
+        api = nullptr;
+        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+        EXPECT_LT(ms.count(), limitMs);
+    }
+
+    ScopedTempDir dir;
+    FakeClock clock;
+    FakeQuoteServer server;
+    RecordingSpi spi;
+    CDCThread* api = nullptr;
+};
+
+TEST_F(DCFaults, StallMidFrameKeepsTheConnectionAndReleaseIsPrompt) {
+    StartAndLink();
+    Login();
+    DcFrame login;
+    ASSERT_TRUE(server.WaitForFrame(83, &login));
+    std::string frame = BuildDcFrame(83, SuccessAnswer(login));
+    server.SendRaw(frame.substr(0, 200));
+    FakeClock::AdvanceMs(15000);
+    ASSERT_TRUE(server.WaitForFrame(0, nullptr));   // heartbeats go on
+    EXPECT_EQ(0, spi.Count("login:0"));
+    EXPECT_TRUE(spi.Copy(spi.lost).empty());
+    TimedRelease();
+    EXPECT_EQ(1, spi.Count("lost:0"));
+}
+
+TEST_F(DCFaults, CloseOrResetMidFrameReportsAndReconnects) {
+    StartAndLink();
+    server.SendRaw(BuildDcFrame(82, std::string(492, '\0')).substr(0, 100));
+    usleep(20 * 1000);
+    server.CloseClient(false);
+    ASSERT_TRUE(spi.WaitFor("lost:0"));
+    FakeClock::AdvanceMs(10000);
+    ASSERT_TRUE(spi.WaitFor("linked", 2));
+    ASSERT_TRUE(server.WaitForAccepted(2));
+    server.SendRaw(BuildDcFrame(82, std::string(492, '\0')).substr(0, 100));
+    usleep(20 * 1000);
+    server.CloseClient(true);
+    ASSERT_TRUE(spi.WaitFor("lost:4097"));
+    EXPECT_EQ(0, spi.Count("login:0"));
+}
+
+TEST_F(DCFaults, GarbageNeverCrashesAndEndsInAResetOrIsSkipped) {
+    std::mt19937 rng(12345);
+    StartAndLink();
+    for (int round = 0; round < 20; ++round) {
+        std::string junk(1 + rng() % 3000, '\0');
+        for (char& c : junk) c = static_cast<char>(rng());
+        // Keep the announced length within the limit half the time so that
+        // handlers see garbage bodies too.
+        if (round % 2 == 0 && junk.size() >= 4) {
+            uint16_t len = static_cast<uint16_t>(junk.size() - 4);
+            std::memcpy(&junk[2], &len, 2);
+        }
+        server.SendRaw(junk);
+        usleep(5 * 1000);
+        if (!api->IsConnected()) {
+            FakeClock::AdvanceMs(10000);
+            ASSERT_TRUE(WaitUntil([&] { return api->IsConnected(); }));
+            ASSERT_TRUE(server.WaitForAccepted(server.Accepted()));
+        }
+    }
+    for (int reason : spi.Copy(spi.lost)) EXPECT_TRUE(reason == 8195 || reason == 0) << reason;
+    TimedRelease();
+}
+
+TEST_F(DCFaults, ValidFrameThenGarbageHandlesTheFrameThenResets) {
+    StartAndLink();
+    Login();
+    DcFrame login;
+    ASSERT_TRUE(server.WaitForFrame(83, &login));
+    server.SendRaw(BuildDcFrame(83, SuccessAnswer(login)) + std::string("\x40\x02\xFF\xFF garbage", 12));
+    ASSERT_TRUE(spi.WaitFor("lost:8195"));
+    std::vector<std::string> ev = spi.Events();
+    ASSERT_GE(ev.size(), 3u);
+    EXPECT_EQ("login:0", ev[1]);
+    EXPECT_EQ("lost:8195", ev[2]);
+}
+
+TEST_F(DCFaults, ServerThatNeverAnswersTheLoginKeepsTheConnectionWithHeartbeats) {
+    StartAndLink();
+    Login();
+    ASSERT_TRUE(server.WaitForFrame(83, nullptr));
+    for (int i = 0; i < 3; ++i) {
+        FakeClock::AdvanceMs(15000);
+        ASSERT_TRUE(server.WaitForFrame(0, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{"linked"}), spi.Events());
+}
+
+TEST_F(DCFaults, FrontThatNeverAcceptsDoesNotHangRelease) {
+    // A listener with a full backlog drops further connection attempts, so
+    // the connect neither succeeds nor fails.
+    int lfd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(lfd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(lfd, 0));
+    socklen_t len = sizeof(addr);
+    getsockname(lfd, reinterpret_cast<sockaddr*>(&addr), &len);
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        fillers.push_back(c);
+    }
+    usleep(50 * 1000);
+    Start("tcp://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)));
+    usleep(300 * 1000);
+    TimedRelease();
+    for (int c : fillers) close(c);
+    close(lfd);
+}
+
+TEST_F(DCFaults, HundredsOfReconnectionsLeakNoDescriptorOrThread) {
+    StartAndLink();
+    server.CloseClient(false);
+    ASSERT_TRUE(spi.WaitFor("lost:0"));
+    const int fds = CountEntries("/proc/self/fd");
+    const int threads = CountEntries("/proc/self/task");
+    const int cycles = 200;
+    for (int i = 2; i <= cycles + 1; ++i) {
+        FakeClock::AdvanceMs(10000);
+        ASSERT_TRUE(server.WaitForAccepted(i));
+        ASSERT_TRUE(spi.WaitFor("linked", i));
+        server.CloseClient(i % 2 == 0);
+        ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.lost).size() == static_cast<size_t>(i); }));
+    }
+    EXPECT_EQ(fds, CountEntries("/proc/self/fd"));
+    EXPECT_EQ(threads, CountEntries("/proc/self/task"));
+    for (int reason : spi.Copy(spi.lost)) EXPECT_TRUE(reason == 0 || reason == 4097) << reason;
+}
+
+TEST_F(DCFaults, ReleaseBeforeInitAndBeforeAnyConnection) {
+    api = new CDCThread("", false);
+    api->RegisterSpi(&spi);
+    TimedRelease();
+    Start("tcp://127.0.0.1:1");
+    TimedRelease();
+    EXPECT_EQ(0, spi.Count("linked"));
+}
+
+TEST_F(DCFaults, ReleaseWhileTheSnapshotIsLoading) {
+    StartAndLink();
+    Login();
+    DcFrame login;
+    ASSERT_TRUE(server.WaitForFrame(83, &login));
+    // First-form answer naming one market: the model is rebuilt and the
+    // market status is requested.
+    server.Send(82, LoginAnswerBody(1, 0, {2001}));
+    ASSERT_TRUE(server.WaitForFrame(2, nullptr));
+    MarketStatusRow row;
+    row.market = 2001;
+    row.tradingDay = 20240102;
+    row.status = 1;
+    row.secondDay = 20240102;
+    row.timeWord = 93000000;
+    server.Send(2, MarketStatusBody(1, 0, {row}));
+    ASSERT_TRUE(server.WaitForFrame(3, nullptr));
+    std::vector<NameRow> names;
+    for (int i = 0; i < 40; ++i) {
+        NameRow n;
+        n.name = "copper";
+        n.marketCode = "cu25" + std::to_string(10 + i);
+        n.exchangeCode = n.marketCode;
+        n.divisor = 10;
+        names.push_back(n);
+    }
+    server.Send(1, NameTableBody(2001, 40, 0, names));
+    std::vector<QuoteRow> rows;
+    for (int i = 0; i < 10; ++i) {
+        QuoteRow q;
+        q.market = 2001;
+        q.code = names[i].marketCode;
+        q.date = 20240102;
+        q.last = 700000;
+        rows.push_back(q);
+    }
+    // Packet 0 of 4: the snapshot stays incomplete.
+    server.Send(3, QuotationBody(4, 0, 2001, 40, 0, rows));
+    ASSERT_TRUE(spi.WaitFor("login:0"));
+    ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.depths).size() == 10; }));
+    TimedRelease();
+    EXPECT_EQ(1, spi.Count("lost:0"));
+}
+
+}  // namespace
