@@ -172,7 +172,10 @@ public:
     bool DomesticExchanges() const { return m_bDomesticExchanges; }
     const char* FlowPath() const { return m_szFlowPath; }
     size_t FrontCount() const { return m_fronts.size(); }
-    const _FrontInfo& Front(size_t i) const { return m_fronts[i]; }
+    _FrontInfo Front(size_t i) const {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        return m_fronts[i];
+    }
 
     // Status record as reported for a market (status character given).
     static void FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,
@@ -202,7 +205,7 @@ public:
     std::atomic<bool> m_bRunning{false};
     std::atomic<COrvexWiraMdSpi*> m_pSpi{nullptr};
 
-    std::recursive_mutex m_sendLock;
+    mutable std::recursive_mutex m_sendLock;
     std::vector<_FrontInfo> m_fronts;
     std::mutex m_handleLock;
     std::map<unsigned short, int> m_reqHandles;

@@ -165,44 +165,63 @@ void CDCThread::WorkLoop() {
 }
 
 void CDCThread::Connect() {
+    // The fronts' usable flags and the current index are also changed by a
+    // reset on the caller's thread (a failed login send), so they are read
+    // and written under the send lock; the connect itself runs without it.
     int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock < 0) {
         if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLost(kReasonNoSocket);
         return;
     }
-    bool connected = false;
     const int count = static_cast<int>(m_fronts.size());
-    if (m_nCurrentFront >= 0 && m_nCurrentFront < count && m_fronts[m_nCurrentFront].usable) {
-        const _FrontInfo& front = m_fronts[m_nCurrentFront];
+    auto frontAt = [this](int i) {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        return m_fronts[i];
+    };
+    auto markUnusable = [this](int i) {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        m_fronts[i].usable = false;
+    };
+    bool connected = false;
+    int current;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        current = m_nCurrentFront;
+    }
+    if (current >= 0 && current < count && frontAt(current).usable) {
+        _FrontInfo front = frontAt(current);
         if (ResolveAndConnect(sock, front, m_bRunning)) {
             connected = true;
             Log("DC Connected : %s:%d", front.host, front.port);
             m_bRefresh = m_bModelLoading;
         } else {
-            m_fronts[m_nCurrentFront].usable = false;
+            markUnusable(current);
+            close(sock);
+            sock = socket(AF_INET, SOCK_STREAM, 0);
         }
     }
-    if (!connected) {
+    if (!connected && sock >= 0) {
         int unusable = 0;
-        for (const _FrontInfo& f : m_fronts) unusable += f.usable ? 0 : 1;
-        while (unusable < count) {
+        for (int i = 0; i < count; ++i) unusable += frontAt(i).usable ? 0 : 1;
+        while (unusable < count && m_bRunning) {
             int i = orvex::Random() % count;
             // A poor generator must not spin for ever: after many misses the
             // first usable front is taken.
-            for (int draws = 1; !m_fronts[i].usable; ++draws) {
+            for (int draws = 1; !frontAt(i).usable; ++draws) {
                 i = draws < 256 ? orvex::Random() % count : (i + 1) % count;
             }
-            const _FrontInfo& front = m_fronts[i];
+            _FrontInfo front = frontAt(i);
             if (ResolveAndConnect(sock, front, m_bRunning)) {
                 connected = true;
                 Log("DC Connected : %s:%d", front.host, front.port);
                 m_bRefresh = true;
+                std::lock_guard<std::recursive_mutex> lock(m_sendLock);
                 m_nCurrentFront = i;
                 break;
             }
-            m_fronts[i].usable = false;
+            markUnusable(i);
             ++unusable;
-            // A failed connect leaves the socket unusable for another try.
+            // A socket whose connect failed is not used for another try.
             close(sock);
             sock = socket(AF_INET, SOCK_STREAM, 0);
             if (sock < 0) break;
@@ -218,14 +237,12 @@ void CDCThread::Connect() {
         if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLinked();
         return;
     }
-    {
-        // The socket is stored first so that the reset closes it and reports
-        // the lost round with 4099.
-        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-        m_socket = sock < 0 ? -2 : sock;
-        m_nDisconnectReason = kReasonNoFront;
-        Reset();
-    }
+    std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+    // The socket is stored first so that the reset closes it and reports the
+    // lost round with 4099.
+    m_socket = sock < 0 ? -2 : sock;
+    m_nDisconnectReason = kReasonNoFront;
+    Reset();
     for (_FrontInfo& f : m_fronts) f.usable = true;
 }
 

@@ -104,11 +104,14 @@ void ApplyStatusRecord(CDCThread& api, const char* payload) {
     if (main && main->marketId == id) spi->OnStatusChange(&status);
 }
 
-// The date a pushed row belongs to, or 0 when it is stale. dd is the
-// instrument's date; b the market's clock; the row's time of day is h:mi:s.ms.
-uint32_t RowDate(uint32_t dd, const CTime64& b, unsigned h, unsigned mi, unsigned s, unsigned ms) {
+// The date a pushed row belongs to; false when the row is stale. dd is the
+// instrument's date, b the market's clock, h:mi:s.ms the row's time of day.
+bool RowDate(uint32_t dd, const CTime64& b, unsigned h, unsigned mi, unsigned s, unsigned ms, uint32_t* n) {
     CTime64 a = TimeOfDate(dd, h, mi, s, ms);
-    if (!(a < b)) return a.GetSpanSeconds(b) <= kStaleSpan - 1 ? dd : 0;
+    if (!(a < b)) {
+        *n = dd;
+        return a.GetSpanSeconds(b) <= kStaleSpan - 1;
+    }
     // Behind the market: carry the row forward to the day that brings it
     // level with the market's clock.
     int steps = 0;
@@ -120,9 +123,9 @@ uint32_t RowDate(uint32_t dd, const CTime64& b, unsigned h, unsigned mi, unsigne
         a = CTime64(b.GetYear(), b.GetMonth(), b.GetDay(), h, mi, s, ms);
         if (a < b) a.NextDay();
     }
-    if (a.GetSpanSeconds(b) >= kStaleSpan) return dd;
-    return static_cast<uint32_t>(a.GetYear()) * 10000u + static_cast<uint32_t>(a.GetMonth()) * 100u +
-           static_cast<uint32_t>(a.GetDay());
+    if (a.GetSpanSeconds(b) >= kStaleSpan) *n = dd;
+    else *n = a.GetYear() * 10000u + a.GetMonth() * 100u + a.GetDay();
+    return true;
 }
 
 // A pushed quote row of rowLength bytes (at least its 39-byte head).
@@ -155,8 +158,8 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     const CTime64 b = TimeOfDate(md, mt / 10000000u, mt % 10000000u / 100000u, mt % 100000u / 1000u, mt % 1000u);
 
     // Accepted when it is on a later day, or on the same day and not older.
-    const uint32_t n = RowDate(dd, b, h, mi, s, ms);
-    if (n == 0 || !((dd == n && dt <= qt) || dd < n)) {
+    uint32_t n = 0;
+    if (!RowDate(dd, b, h, mi, s, ms, &n) || !((dd == n && dt <= qt) || dd < n)) {
         if (api.m_bLog) api.Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
         return;
     }

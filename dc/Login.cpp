@@ -80,7 +80,10 @@ void CDCThread::TranslateLoginRsp(COrvexWiraRspUserLoginField* rsp, int errorCod
         std::memcpy(rsp->UserID, req->UserID, strnlen(req->UserID, sizeof(rsp->UserID) - 1));
     }
     std::strcpy(rsp->SystemName, "QXDC");
-    rsp->FrontID = m_nCurrentFront;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        rsp->FrontID = m_nCurrentFront;
+    }
     if (errorCode != 0) return;
 
     std::memcpy(rsp->TradingDay, m_szTradingDay, strnlen(m_szTradingDay, sizeof(rsp->TradingDay) - 1));

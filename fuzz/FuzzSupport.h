@@ -5,7 +5,8 @@
 // (./cache/, ./qxmktaccess.xml, ...). PrepareRun() makes that directory and
 // enters it; before that it turns the path arguments of the command line
 // into absolute paths, so that corpus directories, reproducer files and the
-// artifact prefix still mean what the caller meant. Call it from
+// artifact prefix still mean what the caller meant. The directory is made
+// under $TMPDIR, else /dev/shm, and removed at a normal exit. Call it from
 // LLVMFuzzerInitialize, which sees the command line before the fuzzing
 // engine (or the replay driver) reads it.
 #ifndef ORVEX_FUZZ_SUPPORT_H
@@ -84,7 +85,19 @@ inline void PrepareRun(int* argc, char*** argv) {
         *argv = args.data();
     }
 
-    std::string pattern = (std::filesystem::temp_directory_path() / "orvex_fuzz_XXXXXX").string();
+    // Every input writes files, so a memory file system is much faster:
+    // $TMPDIR when set, else /dev/shm when usable, else the system default.
+    std::string base;
+    if (const char* tmp = std::getenv("TMPDIR"); tmp && *tmp) {
+        base = tmp;
+    } else if (access("/dev/shm", W_OK | X_OK) == 0) {
+        base = "/dev/shm";
+    } else {
+        std::error_code ec;
+        base = std::filesystem::temp_directory_path(ec).string();
+        if (ec || base.empty()) base = "/tmp";
+    }
+    std::string pattern = base + "/orvex_fuzz_XXXXXX";
     std::vector<char> buf(pattern.begin(), pattern.end());
     buf.push_back('\0');
     if (!mkdtemp(buf.data()) || chdir(buf.data()) != 0) {

@@ -133,7 +133,7 @@ void QxsfSeeds() {
     const std::vector<RequestedFile>& files = RequestedFiles();
     // Login answer, then a list naming one new and one requested file.
     std::string login = Str(Package(1, QXSF_CMD_LOGIN, {}));
-    std::vector<char> list = ListPage("contract/", 3, 1,
+    std::vector<char> list = ListPage("contract/", 4, 1,
                                       {{"shfe_base_9.json", "{}", {1, 1}}, {"readme.txt", "x", {0, 0}},
                                        {"shfe_base_1.json", files[0].content, files[0].time}});
     Put("qxsf_receive", "login_list.bin", login + Str(Package(2, static_cast<char>(QXSF_CMD_MKTLIST), list)));

@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
+#   scripts/setup.sh --fuzz   also clang and its libFuzzer runtime
+#                             (libclang-rt-dev: libclang-rt-14-dev on Debian 12)
 set -euo pipefail
+
+packages=(g++ cmake make zlib1g-dev rapidjson-dev libgtest-dev pkg-config)
+if [ "${1:-}" = "--fuzz" ]; then
+  packages+=(clang libclang-rt-dev)
+fi
 
 need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
-for p in g++ cmake make zlib1g-dev rapidjson-dev libgtest-dev pkg-config; do
+for p in "${packages[@]}"; do
   have_pkg "$p" || need+=("$p")
 done
 if [ "${#need[@]}" -gt 0 ]; then
