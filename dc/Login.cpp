@@ -254,6 +254,7 @@ void CDCThread::ProcessLoginRsp(const char* body, int length) {
         CQxExchange& exchange = m_exchanges[stored.exchangeCode];
         exchange.markets.push_back(&stored);
         numbers.insert(number);
+        m_offeredMarkets.insert(number);
     }
     if (!m_bDomesticExchanges) {
         m_extraMarket.ReloadIDSet(numbers);
