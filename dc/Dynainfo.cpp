@@ -51,8 +51,10 @@ COrvexWiraMdSpi* SpiOf(const CDCThread& api) { return api.m_pSpi.load(std::memor
 
 // Delivery filter shared by all pushes: in subscription mode only what the
 // exchange has subscribed (or the whole exchange) reaches the caller.
-bool Subscribed(const CDCThread& api, const CQxExchange* exchange, const char* instrumentId) {
+// The exchange is looked up only in subscription mode.
+bool Subscribed(CDCThread& api, const CQxMarket& market, const char* instrumentId) {
     if (!api.m_bSubscribe) return true;
+    const CQxExchange* exchange = api.FindExchange(std::string_view(market.exchangeCode));
     if (!exchange) return false;
     if (exchange->WholeExchange) return true;
     return exchange->subscribed.find(std::string_view(instrumentId, strnlen(instrumentId, 31))) !=
@@ -139,7 +141,6 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
         return;
     }
     if (!api.Level(market->marketId)) return;
-    CQxExchange* exchange = api.FindExchange(std::string_view(market->exchangeCode));
     CQxInstrument* inst = market->FindInstrument(codeView);
     if (!inst) {
         if (api.m_bLog) api.Log("Can not find Instrument:%.*s", codeLen, code);
@@ -171,7 +172,7 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     const bool applied = api.m_bDeltaQuot ? api.ProcessPushQuotationDelta(row, rowLength, inst, nullptr, &out)
                                           : api.ProcessPushQuotation(row, rowLength, inst, &out);
     COrvexWiraMdSpi* spi = SpiOf(api);
-    if (applied && spi && Subscribed(api, exchange, out.InstrumentID)) spi->OnDepthMarketData(&out);
+    if (applied && spi && Subscribed(api, *market, out.InstrumentID)) spi->OnDepthMarketData(&out);
 }
 
 }  // namespace

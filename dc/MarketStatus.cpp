@@ -88,11 +88,41 @@ char CDCThread::StatusChar(uint8_t code) {
     }
 }
 
+// Runs for every quote row, so it is written out by hand; the bytes are
+// those of snprintf(out9, 9, "%02u:%02u:%02u", h, m, s): at most 8
+// characters and a NUL, nothing written after the NUL.
 void CDCThread::FormatPackedTime(char* out9, uint32_t packed) {
-    unsigned h = packed >> 22;
-    unsigned m = (packed >> 16) & 0x3F;
-    unsigned s = (packed >> 10) & 0x3F;
-    PrintField(out9, 9, "%02u:%02u:%02u", h, m, s);
+    const unsigned h = packed >> 22;   // 0-1023: two to four digits
+    const unsigned m = (packed >> 16) & 0x3F;
+    const unsigned s = (packed >> 10) & 0x3F;
+    if (h < 100) {
+        // The usual case: exactly eight characters.
+        out9[0] = static_cast<char>('0' + h / 10);
+        out9[1] = static_cast<char>('0' + h % 10);
+        out9[2] = ':';
+        out9[3] = static_cast<char>('0' + m / 10);
+        out9[4] = static_cast<char>('0' + m % 10);
+        out9[5] = ':';
+        out9[6] = static_cast<char>('0' + s / 10);
+        out9[7] = static_cast<char>('0' + s % 10);
+        out9[8] = '\0';
+        return;
+    }
+    // Three or four hour digits: the text is cut after eight characters.
+    char text[12];
+    int n = 0;
+    if (h >= 1000) text[n++] = static_cast<char>('0' + h / 1000);
+    text[n++] = static_cast<char>('0' + h / 100 % 10);
+    text[n++] = static_cast<char>('0' + h / 10 % 10);
+    text[n++] = static_cast<char>('0' + h % 10);
+    text[n++] = ':';
+    text[n++] = static_cast<char>('0' + m / 10);
+    text[n++] = static_cast<char>('0' + m % 10);
+    text[n++] = ':';
+    text[n++] = static_cast<char>('0' + s / 10);
+    text[n++] = static_cast<char>('0' + s % 10);
+    std::memcpy(out9, text, 8);
+    out9[8] = '\0';
 }
 
 void CDCThread::FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,

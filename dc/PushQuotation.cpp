@@ -8,8 +8,6 @@
 // instrument's raw quote, with DBL_MAX / 0x7FFFFFFF marking the others.
 // DC worker thread only; no allocation.
 #include <cfloat>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "dc/DCThread.h"
@@ -23,11 +21,34 @@ T Rd(const char* p) {
     return v;
 }
 
-__attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(dst, size, format, args);
-    va_end(args);
+// snprintf(dst, size, "%d", value) written out by hand, for the quote path:
+// at most size - 1 characters and a NUL, nothing written after the NUL.
+void PrintInt(char* dst, size_t size, int value) {
+    unsigned u = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+    size_t n = value < 0 ? 2 : 1;
+    for (unsigned rest = u; rest >= 10; rest /= 10) ++n;
+    if (n <= size - 1) {
+        // Fits: the digits go straight into place, last first.
+        char* p = dst + n;
+        *p = '\0';
+        do {
+            *--p = static_cast<char>('0' + u % 10);
+            u /= 10;
+        } while (u != 0);
+        if (value < 0) *--p = '-';
+        return;
+    }
+    char text[12];
+    char* const end = text + sizeof(text);
+    char* p = end;
+    do {
+        *--p = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (value < 0) *--p = '-';
+    n = size - 1;
+    std::memcpy(dst, p, n);
+    dst[n] = '\0';
 }
 
 using F = COrvexWiraDepthMarketDataField;
@@ -71,21 +92,31 @@ void SetUpdateTime(CQxInstrument* inst, const char* row) {
     inst->depth.UpdateMillisec = static_cast<int>(packed & 0x3FF);
 }
 
-// Walks both masks of a row and stores every present field into the
-// instrument's depth record. With a delta record, each field whose raw value
-// differs from the raw quote is also copied into it and written into the raw
-// quote. Fields that lie beyond rowLength end the walk.
+// The raw price rule of RawPriceToDouble (MarketModel.cpp), inlined here
+// because a pushed row converts up to 21 prices; the two must stay alike.
+inline double PushPrice(int32_t raw, uint32_t divisor) {
+    if (raw == 0) return DBL_MAX;
+    if (static_cast<uint32_t>(raw) == 0x80000000u) return 0.0;
+    return static_cast<double>(raw) / static_cast<double>(divisor);
+}
+
+// Walks both masks of a row, set bits only and in bit order, and stores
+// every present field into the instrument's depth record. With a delta
+// record, each field whose raw value differs from the raw quote is also
+// copied into it and written into the raw quote. Fields that lie beyond
+// rowLength end the walk.
 bool ApplyRow(const char* row, int rowLength, CQxInstrument* inst, F* delta) {
     F& d = inst->depth;
     unsigned char* raw = inst->rawQuote;
-    const uint32_t maskA = Rd<uint32_t>(row);
-    const uint32_t maskB = Rd<uint32_t>(row + 4);
+    const uint32_t divisor = inst->priceDivisor;
+    const uint32_t maskA = Rd<uint32_t>(row) & 0xFFFFu;     // bits 16-31 are ignored
+    const uint32_t maskB = Rd<uint32_t>(row + 4) & 0xFFFFFu; // levels: bits 0-19
     bool changed = false;
     int pos = kPushFields;
     auto fits = [&](int width) { return pos + width <= rowLength; };
 
-    for (int bit = 0; bit < 16; ++bit) {
-        if (!(maskA & (1u << bit))) continue;
+    for (uint32_t bits = maskA; bits != 0; bits &= bits - 1) {
+        const int bit = __builtin_ctz(bits);
         const MainField& f = kMaskA[bit];
         const int width = (f.kind == Kind::Double8) ? 8 : 4;
         if (!fits(width)) return changed;
@@ -95,7 +126,7 @@ bool ApplyRow(const char* row, int rowLength, CQxInstrument* inst, F* delta) {
             case Kind::Skip:
                 continue;
             case Kind::Price:
-                d.*f.field = RawPriceToDouble(Rd<int32_t>(p), inst->priceDivisor);
+                d.*f.field = PushPrice(Rd<int32_t>(p), divisor);
                 break;
             case Kind::Count:
                 // Unlike the snapshot, a pushed count of 0 is 0.0.
@@ -122,8 +153,8 @@ bool ApplyRow(const char* row, int rowLength, CQxInstrument* inst, F* delta) {
     }
 
     // Mask B: bid levels 1-5, bid 6-10 (skipped), ask 1-5, ask 6-10 (skipped).
-    for (int bit = 0; bit < 20; ++bit) {
-        if (!(maskB & (1u << bit))) continue;
+    for (uint32_t bits = maskB; bits != 0; bits &= bits - 1) {
+        const int bit = __builtin_ctz(bits);
         if (!fits(8)) return changed;
         const char* p = row + pos;
         pos += 8;
@@ -133,7 +164,7 @@ bool ApplyRow(const char* row, int rowLength, CQxInstrument* inst, F* delta) {
         double F::*price = bid ? kBidPrice[level] : kAskPrice[level];
         int F::*volume = bid ? kBidVolume[level] : kAskVolume[level];
         unsigned char* rawLevel = raw + (bid ? kRawBid : kRawAsk) + 8 * level;
-        d.*price = RawPriceToDouble(Rd<int32_t>(p), inst->priceDivisor);
+        d.*price = PushPrice(Rd<int32_t>(p), divisor);
         d.*volume = Rd<int32_t>(p + 4);
         if (!delta) continue;
         if (std::memcmp(p, rawLevel, 4) != 0) {
@@ -156,7 +187,7 @@ bool CDCThread::ProcessPushQuotation(const char* row, int rowLength, CQxInstrume
     if (!row || !inst || !out || rowLength < kPushFields) return false;
     SetUpdateTime(inst, row);
     ApplyRow(row, rowLength, inst, nullptr);
-    PrintField(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), "%d", static_cast<int>(inst->quoteDate));
+    PrintInt(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), static_cast<int>(inst->quoteDate));
     *out = inst->depth;
     return true;
 }
@@ -190,7 +221,7 @@ bool CDCThread::ProcessPushQuotationDelta(const char* row, int rowLength, CQxIns
     }
 
     const bool any = ApplyRow(row, rowLength, inst, out);
-    PrintField(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), "%d", static_cast<int>(inst->quoteDate));
+    PrintInt(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), static_cast<int>(inst->quoteDate));
     if (changed) *changed = any;
     return true;
 }

@@ -2,8 +2,6 @@
 // quote and depth record; the last packet ends the model load, replays the
 // dynamic information held back meanwhile and reports every exchange's
 // status. DC worker thread only.
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -19,11 +17,34 @@ T Rd(const char* p) {
     return v;
 }
 
-__attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(dst, size, format, args);
-    va_end(args);
+// snprintf(dst, size, "%d", value) written out by hand, for the quote path:
+// at most size - 1 characters and a NUL, nothing written after the NUL.
+void PrintInt(char* dst, size_t size, int value) {
+    unsigned u = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+    size_t n = value < 0 ? 2 : 1;
+    for (unsigned rest = u; rest >= 10; rest /= 10) ++n;
+    if (n <= size - 1) {
+        // Fits: the digits go straight into place, last first.
+        char* p = dst + n;
+        *p = '\0';
+        do {
+            *--p = static_cast<char>('0' + u % 10);
+            u /= 10;
+        } while (u != 0);
+        if (value < 0) *--p = '-';
+        return;
+    }
+    char text[12];
+    char* const end = text + sizeof(text);
+    char* p = end;
+    do {
+        *--p = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (value < 0) *--p = '-';
+    n = size - 1;
+    std::memcpy(dst, p, n);
+    dst[n] = '\0';
 }
 
 // Quotation answer: u16 (unused), u16 packet count, u16 packet index, u16
@@ -96,7 +117,7 @@ void FillDepthFromRow(CQxInstrument& inst, const char* row) {
         d.*kAskVolume[k] = Rd<int32_t>(row + kRowAsk + 8 * k + 4);
     }
     d.AveragePrice = price(kRowAverage);
-    PrintField(d.ActionDay, sizeof(d.ActionDay), "%d", static_cast<int>(inst.quoteDate));
+    PrintInt(d.ActionDay, sizeof(d.ActionDay), static_cast<int>(inst.quoteDate));
 }
 
 }  // namespace

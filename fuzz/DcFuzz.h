@@ -153,7 +153,15 @@ public:
         Drain();
     }
 
+    // Logs in as a caller would, then receives the answers.
     void BuildModel(bool withQuotations) {
+        COrvexWiraReqUserLoginField login;
+        std::memset(&login, 0, sizeof login);
+        std::strcpy(login.BrokerID, "9999");
+        std::strcpy(login.UserID, "trader");
+        std::strcpy(login.Password, "secret");
+        api->ReqUserLogin(&login, 1);
+        Drain();
         for (const std::string& f : ModelFrames(withQuotations)) Feed(f);
     }
 

@@ -4,7 +4,8 @@
 // socket pair into its receive buffer (ReadData), then CheckRequest cuts and
 // handles the packages (login answer, list pages, file transfers) and
 // DownloadFile sends the requests the lists cause, as the worker loop does.
-// At the end the verified files are loaded as contract files.
+// At the end the verified files are loaded as contract files and the cache
+// is pruned.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -118,6 +119,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const auto& market : contracts)
         for (const auto& inst : market.second) spi.Read(&inst.second);
     orvex_fuzz::Keep(spi.sum);
+
+    // The daily pruning of the cache runs over whatever names the input
+    // made the worker write.
+    CQXSFThread::CheckLocalFile();
 
     delete worker;   // closes its end of the pair
     close(fds[1]);

@@ -2,10 +2,11 @@
 # Sets up, builds, and shows the library at work: qxdc-sim serves a synthetic
 # futures market on loopback, and md-console logs in, queries the SHFE
 # instruments (answered with the contract files of the file server),
-# subscribes nothing in particular and prints the live quotes.
+# and prints the live quotes of the busiest instruments.
 #
 #   scripts/demo.sh [SECONDS]        default 20, or DEMO_SECONDS
 #
+# Builds in build/ (or the directory in BUILD_DIR).
 # Everything runs in a scratch working directory (the library's ./cache/,
 # its logs and configuration files land there); DEMO_KEEP=1 keeps it.
 set -euo pipefail
@@ -15,9 +16,9 @@ case "$seconds" in
     '' | *[!0-9]*) echo "usage: scripts/demo.sh [SECONDS]" >&2; exit 2 ;;
 esac
 
+build="${BUILD_DIR:-$root/build}"
 "$root/scripts/setup.sh"
-BUILD_DIR="$root/build" "$root/scripts/build.sh"
-build="$root/build"
+BUILD_DIR="$build" "$root/scripts/build.sh"
 sim="$build/sim/qxdc-sim"
 console="$build/tools/md-console"
 

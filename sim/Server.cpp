@@ -282,7 +282,9 @@ void Server::Run(const std::atomic<bool>& stop, int64_t deadlineMs) {
         }
         now = NowMs();
         for (auto& c : m_clients) {
-            if (!c->closed && m_options.idleSeconds > 0 && now - c->lastRead > m_options.idleSeconds * 1000LL)
+            if (c->closed) continue;
+            if (c->closing && c->Pending() == 0) Close(*c, "closed after a protocol error or a refused login");
+            else if (m_options.idleSeconds > 0 && now - c->lastRead > m_options.idleSeconds * 1000LL)
                 Close(*c, "idle for " + std::to_string(m_options.idleSeconds) + " s");
         }
         for (size_t i = 0; i < m_clients.size();) {

@@ -369,7 +369,7 @@ public:
         Event e(Event::Login);
         e.code = info ? info->ErrorID : 0;
         if (info) e.text = FromGbk(info->ErrorMsg, sizeof(info->ErrorMsg));
-        if (rsp) e.text += (e.text.empty() ? "" : ", ") + std::string("trading day ") + rsp->TradingDay;
+        if (rsp && rsp->TradingDay[0]) e.text += (e.text.empty() ? "" : ", ") + std::string("trading day ") + rsp->TradingDay;
         Push(e);
         if (e.code != 0) return;
 
@@ -394,10 +394,8 @@ public:
         e.code = requestId;
         e.last = isLast;
         if (inst) e.instrument = *inst;
-        if (info && info->ErrorID != 0) {
-            e.kind = Event::InstrumentError;
+        if (!inst && info)
             e.text = std::to_string(info->ErrorID) + " " + FromGbk(info->ErrorMsg, sizeof(info->ErrorMsg));
-        }
         Push(e);
     }
 
@@ -602,6 +600,13 @@ private:
 
     void Instrument(const Event& e) {
         QueryAnswer& q = m_queries[e.code];
+        if (e.kind == Event::InstrumentError && !e.last) {
+            // Not the end of the answer: a file-service problem (a contract
+            // file that could not be read); the instruments still follow.
+            Note("query #" + std::to_string(e.code) + " warning: " + e.text, "query_warning",
+                 "\"request\":" + std::to_string(e.code) + ",\"text\":" + JsonString(e.text));
+            return;
+        }
         if (e.kind == Event::InstrumentError) {
             q.error = e.text;
         } else {

@@ -1,0 +1,59 @@
+// Small helpers shared by the benchmarks: one monotonic clock for senders
+// and receivers of the same process, CPU and memory readings of the process
+// and of single threads, percentiles, and a scratch working directory.
+#ifndef ORVEX_BENCH_BENCH_UTIL_H
+#define ORVEX_BENCH_BENCH_UTIL_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace orvex_bench {
+
+// Nanoseconds of the monotonic clock since the first call in this process.
+// Small enough to travel exactly in a double.
+int64_t NowNs();
+
+// Sleeps for about `ns` nanoseconds.
+void SleepNs(int64_t ns);
+
+// CPU time of the whole process (all threads, user + system), ns.
+int64_t ProcessCpuNs();
+// CPU time of one thread of this process, ns (from its scheduler
+// statistics), or -1.
+int64_t ThreadCpuNs(int tid);
+// Voluntary context switches of one thread (each one a wake-up), or -1.
+long ThreadWakeups(int tid);
+// Id of the first thread of this process with this name, or -1.
+int FindThread(const std::string& name);
+
+// Resident set size of the process, bytes.
+int64_t ResidentBytes();
+// Bytes of the heap in use (malloc's own count).
+int64_t HeapInUseBytes();
+
+// Percentile (0-100) of the values, by nearest rank; sorts them.
+int64_t Percentile(std::vector<int64_t>& sorted, double p);
+
+// A fresh directory under the system's temporary directory; removed (with
+// its files, one level deep) by the destructor.
+class ScratchDir {
+public:
+    explicit ScratchDir(const char* prefix);
+    ~ScratchDir();
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::string& Path() const { return m_path; }
+    // Writes a file inside the directory.
+    void Write(const std::string& name, const std::string& text) const;
+
+private:
+    std::string m_path;
+};
+
+// Machine description for reports: "uname -srm", CPU model, cores.
+std::string MachineLine();
+
+}  // namespace orvex_bench
+
+#endif
