@@ -34,7 +34,7 @@ void Usage(FILE* out) {
         "  --port N              quote server port (7000; 0: any free port)\n"
         "  --file-port N         file server port (7001; 0: any free port; -1: no file server)\n"
         "  --ready-file FILE     write the ports there (\"quote_port=N\", \"file_port=N\") once listening\n"
-        "  --instruments N       number of contracts (300)\n"
+        "  --instruments N       number of contracts (300; the catalogue lists about 530)\n"
         "  --rate N              quote updates per second over the whole market (200)\n"
         "  --seed N              random seed (1)\n"
         "  --duration S          stop after S seconds (0: run until SIGINT or SIGTERM)\n"
