@@ -249,6 +249,9 @@ TEST_F(DCFaults, ReleaseWhileTheSnapshotIsLoading) {
     server.Send(3, QuotationBody(4, 0, 2001, 40, 0, rows));
     ASSERT_TRUE(spi.WaitFor("login:0"));
     ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.depths).size() == 10; }));
+    // The first-form answer's handle maps back to the caller's request id.
+    ASSERT_EQ(1u, spi.Copy(spi.logins).size());
+    EXPECT_EQ(5, spi.Copy(spi.logins)[0].requestId);
     TimedRelease();
     EXPECT_EQ(1, spi.Count("lost:0"));
 }
