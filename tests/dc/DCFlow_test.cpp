@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <cfloat>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "dc/DCThread.h"
+#include "sf/QXSFThread.h"
+#include "support/FakeFileServer.h"
 #include "support/FakeQuoteServer.h"
 #include "support/QuoteBodies.h"
 #include "support/RecordingSpi.h"
@@ -83,12 +86,16 @@ public:
 
 class DCFlow : public ::testing::Test {
 protected:
-    void Start(const std::string& config = "") {
+    void Start(const std::string& config = "", const std::string& fileFront = "") {
         if (!config.empty()) ScopedTempDir::Write("OrvexWiraMdApi.def", config);
         api = new CDCThread("", true);
         api->RegisterSpi(&spi);
         std::string front = server.FrontAddress();
         api->RegisterFront(&front[0]);
+        if (!fileFront.empty()) {
+            std::string f = fileFront;
+            api->RegisterFront(&f[0]);
+        }
         api->Init();
         ASSERT_TRUE(spi.WaitFor("linked"));
         COrvexWiraReqUserLoginField req;
@@ -101,6 +108,7 @@ protected:
     }
     void TearDown() override {
         if (api) api->Release();
+        CQXSFThread::ClearFronts();
     }
     void Push(const PushedRow& row) { server.Send(101, DynaPushRecord(2, row)); }
     std::vector<COrvexWiraDepthMarketDataField> DepthsOf(const std::string& id) {
@@ -271,6 +279,70 @@ TEST_F(DCFlow, InstrumentQueriesAnswerFromTheModel) {
     EXPECT_STREQ("DCE", answers[5].rec.ExchangeID);
     EXPECT_TRUE(answers[5].isLast);
     EXPECT_EQ(23, answers[5].requestId);
+}
+
+TEST_F(DCFlow, QueryWithAFileFrontMergesContractFieldsIntoTheModelsAnswer) {
+    qxsfsim::FakeFileServer files;
+    qxsfsim::ServedFile contract;
+    contract.name = "shfe_base_1.json";
+    contract.content =
+        "{\"ContractData\":[{\"2\":\"cu2405\",\"4\":20240115,\"5\":0,\"13\":0.5,\"2017\":7,\"2018\":8}]}";
+    contract.time = {11, 22};
+    files.AddFile(contract);
+    ASSERT_TRUE(files.Start());
+    Start("", "ftp://127.0.0.1:" + std::to_string(files.Port()));
+    ASSERT_TRUE(spi.WaitFor("depth:m2409"));
+    COrvexWiraQryInstrumentField q;
+    std::memset(&q, 0, sizeof(q));
+    std::strcpy(q.ExchangeID, "SHFE");
+    ASSERT_EQ(0, api->ReqQryInstrument(&q, 31));
+    ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.instruments).size() == 2; }, 5000));
+    std::vector<InstrumentAnswer> answers = spi.Copy(spi.instruments);
+    // al2405 has no contract record and comes first: no contract fields.
+    EXPECT_STREQ("al2405", answers[0].rec.InstrumentID);
+    EXPECT_STREQ("", answers[0].rec.Text4);
+    EXPECT_EQ(0.0, answers[0].rec.Number13);
+    EXPECT_FALSE(answers[0].isLast);
+    EXPECT_STREQ("cu2405", answers[1].rec.InstrumentID);
+    EXPECT_STREQ("copper", answers[1].rec.InstrumentName);
+    EXPECT_STREQ("SHFE", answers[1].rec.ExchangeID);
+    EXPECT_EQ(5, answers[1].rec.VolumeMultiple);
+    EXPECT_STREQ("20240115", answers[1].rec.Text4);
+    EXPECT_STREQ("", answers[1].rec.Text5);
+    EXPECT_EQ(0.5, answers[1].rec.Number13);
+    EXPECT_STREQ("7", answers[1].rec.Text2017);
+    EXPECT_STREQ("8", answers[1].rec.Text2018);
+    EXPECT_TRUE(answers[1].isLast);
+    EXPECT_EQ(31, answers[1].requestId);
+}
+
+TEST_F(DCFlow, ReleaseDuringADownloadIsPromptAndClean) {
+    qxsfsim::FakeFileServer files;
+    qxsfsim::ServerScript script;
+    script.onFileRequest = qxsfsim::Misbehaviour::Stall;
+    files.SetScript(script);
+    qxsfsim::ServedFile contract;
+    contract.name = "shfe_base_1.json";
+    contract.content = std::string(10000, ' ');
+    files.AddFile(contract);
+    ASSERT_TRUE(files.Start());
+    Start("", "ftp://127.0.0.1:" + std::to_string(files.Port()));
+    COrvexWiraQryInstrumentField q;
+    std::memset(&q, 0, sizeof(q));
+    ASSERT_EQ(0, api->ReqQryInstrument(&q, 32));
+    ASSERT_TRUE(files.WaitFor(
+        [](const std::vector<qxsfsim::Package>& got) {
+            for (const auto& p : got)
+                if (p.head.Command == 3) return true;
+            return false;
+        },
+        5000));
+    auto t0 = std::chrono::steady_clock::now();
+    api->Release();
+    api = nullptr;
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(ms, 1500);
+    EXPECT_TRUE(spi.Copy(spi.instruments).empty());
 }
 
 }  // namespace
