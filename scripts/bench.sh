@@ -135,25 +135,28 @@ mkdir -p "$(dirname "$out")"
   cat <<'EOF'
 ## Where the time goes
 
-- A pushed row costs the worker a map look-up of the market, of the
-  instrument by market code (a `std::map` of strings: about ten string
-  compares for 1,000 instruments, more and colder for 10,000), the staleness
-  test, the field walk with one double division per price, two short text
-  fields (update time, action day, formatted by hand) and two copies of the
-  408-byte record (into the output record, and the caller's copy). A hashed
-  index of the instruments by market code would take most of the look-up
-  away; it would live in the market model.
+- A pushed row costs the worker: a look-up of its market, of its
+  instrument by market code in the market's `std::map` of strings (about
+  ten steps for 1,000 instruments, fourteen and colder for 10,000; each
+  step is one 8-byte comparison of the codes' heads), the staleness test
+  on the row's time, the field walk with one double division per price,
+  two short text fields (update time, action day; formatted by hand) and
+  two copies of the 408-byte record (into the output record, which the
+  callback receives). A hashed index of the instruments by market code
+  would take most of the look-up away; it would belong to the market model.
 - At full speed the receive path is the same as the baseline's (16 KB
-  buffer, 2 ms poll, frames cut in place), so the ratio measures the model
-  work per row.
-- Latency tails (p99 and above) on a small virtual machine are set by
+  buffer, 2 ms poll, frames cut in place): the difference in CPU per row
+  is the model work. The baseline's rows/s is bounded by the blaster as
+  much as by itself, so the ratio moves with the blaster's speed; the CPU
+  per row of each receiver is the steadier comparison.
+- Latency tails (p99 and beyond) on a small virtual machine are set by
   scheduling: a receiver that is not running when its data arrives waits
-  for a core. The baseline suffers the same, which is why the target
-  compares the two.
+  for a core, more so when other work shares the machine. The baseline
+  suffers the same, which is why the target compares the two.
 - Idle, the worker wakes every 2 ms (its poll time-out), because the
   caller's queues (subscriptions, instrument queries) are served only by
-  polling them. Each wake-up costs what the platform charges for a timer
-  wake-up; the work done per pass is a few hundred nanoseconds. To go
+  looking at them. Each wake-up costs what the platform charges for a
+  timer wake-up; the work of a pass is a few hundred nanoseconds. To go
   further, the queueing operations would wake the worker through an
   eventfd polled next to the socket (and a finished file-service worker
   likewise); the poll time-out could then grow to the next heartbeat or
