@@ -4,7 +4,6 @@
 #include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace orvex_bench {
 
@@ -144,23 +142,6 @@ ScratchDir::~ScratchDir() {
 void ScratchDir::Write(const std::string& name, const std::string& text) const {
     std::ofstream out(m_path + "/" + name, std::ios::binary);
     out << text;
-}
-
-std::string MachineLine() {
-    utsname u;
-    std::string os = "unknown";
-    if (uname(&u) == 0) os = std::string(u.sysname) + " " + u.release + " " + u.machine;
-    std::string model = "unknown CPU";
-    std::istringstream in(ReadWhole("/proc/cpuinfo"));
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("model name", 0) == 0) {
-            size_t c = line.find(':');
-            if (c != std::string::npos) model = line.substr(c + 2);
-            break;
-        }
-    }
-    return os + ", " + model + ", " + std::to_string(std::thread::hardware_concurrency()) + " cores";
 }
 
 }  // namespace orvex_bench

@@ -51,9 +51,6 @@ private:
     std::string m_path;
 };
 
-// Machine description for reports: "uname -srm", CPU model, cores.
-std::string MachineLine();
-
 }  // namespace orvex_bench
 
 #endif

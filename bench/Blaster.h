@@ -4,9 +4,10 @@
 // the client's login, market status, name table and quotation requests
 // from answers built in advance (so that building them is not measured),
 // and streams pushed rows on the caller's thread, at full speed or at a
-// fixed rate (each row sent when it is due; rows that are due together go
-// out in one send() of up to four frames). The answering thread sleeps in
-// poll() without a time-out, so an idle blaster costs no CPU.
+// fixed rate (the sender sleeps until the next row is due and sends every
+// row that is due by then, in one send() of up to four frames). The
+// answering thread sleeps in poll() without a time-out, so an idle blaster
+// costs no CPU.
 #ifndef ORVEX_BENCH_BLASTER_H
 #define ORVEX_BENCH_BLASTER_H
 

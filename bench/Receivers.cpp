@@ -117,6 +117,7 @@ void BaselineClient::Walk(const char* body, int length) {
 void BaselineClient::Run() {
     // The library's receive path: 16384-byte buffer, 2 ms poll, frames of
     // at most 4096 bytes cut in place and the remainder moved down.
+    m_tid = static_cast<int>(gettid());
     static constexpr int kBuffer = 16384;
     std::vector<char> buf(kBuffer);
     int fill = 0;

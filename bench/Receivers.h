@@ -88,6 +88,8 @@ public:
     bool Connect(uint16_t port);
     void Stop();
     uint64_t Frames() const { return m_frames.load(); }
+    // Kernel id of the receiving thread (for its CPU time), or -1.
+    int Tid() const { return m_tid.load(); }
 
 private:
     void Run();
@@ -97,6 +99,7 @@ private:
     int m_fd = -1;
     std::atomic<bool> m_stop{false};
     std::atomic<uint64_t> m_frames{0};
+    std::atomic<int> m_tid{-1};
     std::thread m_thread;
 };
 

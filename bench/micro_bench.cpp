@@ -92,8 +92,8 @@ void BM_PushFull(benchmark::State& state) {
 }
 BENCHMARK(BM_PushFull);
 
-// Two rows that differ in every field they carry, applied in turn: every
-// field is a change.
+// Two rows whose prices differ (their volumes and counts do not), applied
+// in turn: every price is a change.
 void BM_PushDeltaChanged(benchmark::State& state) {
     Model& m = ModelOf(1000);
     std::string rows[2] = {PushedRowBytes(m.cat, 7, PackedTimeAfterOpen(1000)),

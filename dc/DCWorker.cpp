@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <exception>
 
 #include "base/Clock.h"
@@ -28,6 +29,31 @@ void SleepWhileRunning(const std::atomic<bool>& running, unsigned ms) {
 }
 
 constexpr int kConnectLimitMs = 127000;
+
+// The local date (YYYYMMDD) and time of day (HHMMSS) of the wall clock, as
+// orvex::TodayYmd() and orvex::NowHms() give them, converted again only
+// when the clock's second has changed: the loop asks on every pass, that
+// is every 2 ms while connected and idle.
+class LocalClock {
+public:
+    void Read(int* today, int* hms) {
+        const time_t now = orvex::NowTime();
+        if (now != m_second) {
+            struct tm t {};
+            localtime_r(&now, &t);
+            m_today = (t.tm_year + 1900) * 10000 + (t.tm_mon + 1) * 100 + t.tm_mday;
+            m_hms = t.tm_hour * 10000 + t.tm_min * 100 + t.tm_sec;
+            m_second = now;
+        }
+        *today = m_today;
+        *hms = m_hms;
+    }
+
+private:
+    time_t m_second = static_cast<time_t>(-1);
+    int m_today = 0;
+    int m_hms = 0;
+};
 
 bool ResolveAndConnect(int sock, const _FrontInfo& front, const std::atomic<bool>& running) {
     sockaddr_in addr;
@@ -92,12 +118,13 @@ void CDCThread::WorkLoop() {
     int r2 = orvex::Random();
     const int reconnectTime = 50000 + (r1 % 45) * 100 + (r2 % 60);
     int lastFileCheckDay = 0;
+    LocalClock localClock;
 
     while (m_bRunning) {
         try {
             if (IsConnected()) {
-                int today = orvex::TodayYmd();
-                int now = orvex::NowHms();
+                int today, now;
+                localClock.Read(&today, &now);
                 if (m_nLastConnectDay != today && now >= reconnectTime) {
                     ResetWithReason(kReasonServerClosed);
                     continue;
