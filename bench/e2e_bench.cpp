@@ -554,11 +554,11 @@ int main(int argc, char** argv) {
     md << "## Idle CPU\n\n";
     md << Fmt("Connected, logged in, nothing arriving, over %.0f s: ", opt.idleSeconds);
     md << Fmt("the process used %.3f%% of one core, the library's worker thread %.3f%% "
-              "(%.0f wake-ups per second, its 2 ms poll).\n\n",
+              "(%.0f wake-ups per second).\n\n",
               idleProcess, idleThread, idleWakeups);
     md << Fmt("Over a second window of the same length, side by side, the worker used %.3f%% and a bare "
-              "thread that only waits in poll() with a 2 ms time-out on a silent socket %.3f%%: the idle cost "
-              "is that of the 2 ms wake-ups themselves.\n\n",
+              "thread that only waits in poll() with a 2 ms time-out on a silent socket %.3f%%, the cost "
+              "of waking every 2 ms.\n\n",
               sideLibrary, sideBare);
 
     md << "## Connection loss and reconnect\n\n";

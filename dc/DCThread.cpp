@@ -1,5 +1,6 @@
 #include "dc/DCThread.h"
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -49,10 +50,12 @@ CDCThread::CDCThread(const char* flowPath, bool deliverSnapshot) : m_bDeliverSna
 
     m_bAbnormalEnd = false;
     m_access.Reset();
+    m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
 CDCThread::~CDCThread() {
     m_bRunning = false;
+    Wake();
     m_thread.StopThread();
     {
         std::lock_guard<std::recursive_mutex> lock(m_sendLock);
@@ -63,6 +66,14 @@ CDCThread::~CDCThread() {
     for (CQxsfRsp* answer : m_qxsfAnswers) delete answer;
     m_qxsfAnswers.clear();
     if (m_bAbnormalEnd && m_bLog) DumpLog("AbNormal Terminate Thread");
+    if (m_wakeFd >= 0) close(m_wakeFd);
+}
+
+void CDCThread::Wake() {
+    if (m_wakeFd < 0) return;
+    uint64_t one = 1;
+    ssize_t n = write(m_wakeFd, &one, sizeof(one));
+    (void)n;
 }
 
 void CDCThread::Release() { delete this; }
@@ -136,6 +147,7 @@ void CDCThread::Reset() {
     int64_t sock = m_socket.exchange(-1);
     if (sock != -1) {
         if (sock >= 0) close(static_cast<int>(sock));
+        Wake();
         if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLost(m_nDisconnectReason.load());
         if (!m_bLoginAnswered && m_fronts.size() > 1 && m_nCurrentFront >= 0 &&
             m_nCurrentFront < static_cast<int>(m_fronts.size())) {

@@ -259,6 +259,14 @@ public:
     std::vector<CQxsfRsp*> m_qxsfAnswers;
     std::atomic<bool> m_bAbnormalEnd{false};
 
+    // Wakes the worker's wait: written when the caller queues work, when a
+    // reset closes the socket and when the object is released, so that the
+    // worker need not poll every 2 ms while nothing happens.
+    int m_wakeFd = -1;
+    void Wake();
+    // How long the worker may wait for input in this pass.
+    int WaitTimeoutMs(uint32_t lastHeartBeat) const;
+
     // Model.
     std::map<unsigned short, CQxMarket> m_markets;
     std::map<std::string, CQxExchange, std::less<>> m_exchanges;

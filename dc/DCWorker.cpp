@@ -100,6 +100,16 @@ bool ResolveAndConnect(int sock, const _FrontInfo& front, const std::atomic<bool
 
 }  // namespace
 
+int CDCThread::WaitTimeoutMs(uint32_t lastHeartBeat) const {
+    // File-service workers and their answers are polled, not signalled.
+    if (!m_qxsfWorkers.empty() || !m_qxsfAnswers.empty()) return 2;
+    // Otherwise wake for the next heartbeat and at least every 100 ms for
+    // the clock checks (daily reconnect, daily file check).
+    uint32_t since = orvex::NowTick() - lastHeartBeat;
+    int untilHeartBeat = since >= 15000 ? 1 : static_cast<int>(15000 - since);
+    return untilHeartBeat < 100 ? untilHeartBeat : 100;
+}
+
 void* CDCThread::WorkThread(void* arg) {
     if (arg) static_cast<CDCThread*>(arg)->WorkLoop();
     return nullptr;
@@ -157,9 +167,11 @@ void CDCThread::WorkLoop() {
             int64_t sock = m_socket.load();
             if (sock >= 0) {
                 // poll rather than select: a trading process may hold more
-                // than FD_SETSIZE descriptors. The wait is the same 2 ms.
-                pollfd readable{static_cast<int>(sock), POLLIN, 0};
-                int rc = poll(&readable, 1, 2);
+                // than FD_SETSIZE descriptors. Queued work and resets wake the
+                // wait at once through the wake descriptor, so the wait need
+                // be short only while the file service is busy.
+                pollfd fds[2] = {{static_cast<int>(sock), POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
+                int rc = poll(fds, m_wakeFd >= 0 ? 2 : 1, WaitTimeoutMs(lastHeartBeat));
                 if (rc < 0 && errno == EINTR) rc = 0;
                 if (rc < 0) {
                     int err = errno;
@@ -169,7 +181,12 @@ void CDCThread::WorkLoop() {
                     Reset();
                     continue;
                 }
-                if (rc > 0 && readable.revents) ReadSocket();
+                if (rc > 0 && m_wakeFd >= 0 && fds[1].revents) {
+                    uint64_t drained;
+                    ssize_t n = read(m_wakeFd, &drained, sizeof(drained));
+                    (void)n;
+                }
+                if (rc > 0 && fds[0].revents) ReadSocket();
             }
 
             if (orvex::NowTick() - lastHeartBeat > 14999) {

@@ -49,47 +49,6 @@ CTime64 TimeOfDate(uint32_t ymd, unsigned h, unsigned mi, unsigned s, unsigned m
     return CTime64(ymd / 10000, ymd / 100 % 100, ymd % 100, h, mi, s, ms);
 }
 
-// A pushed row's market code as a key into its market's instrument map.
-// It orders against the map's std::string keys exactly as std::string
-// does (bytes as unsigned char, a prefix before any longer text), but
-// settles most steps down the tree with one 8-byte comparison of the
-// zero-padded first eight bytes instead of a call to memcmp.
-struct CodeKey {
-    std::string_view text;
-    uint64_t head;   // first eight bytes, zero-padded, most significant first
-};
-
-// Zero-padded first eight bytes of text[0, n) read from p, where eight
-// bytes may be read.
-inline uint64_t HeadOf(const char* p, size_t n) {
-    uint64_t v;
-    std::memcpy(&v, p, 8);
-    v = __builtin_bswap64(v);
-    return n >= 8 ? v : (n == 0 ? 0 : v & ~(~uint64_t{0} >> (8 * n)));
-}
-
-// Row codes sit in a 21-byte field, so eight bytes can always be read.
-CodeKey RowCodeKey(const char* code, size_t n) { return CodeKey{std::string_view(code, n), HeadOf(code, n)}; }
-
-// key.compare(code.text) in sign.
-inline int CompareCode(const std::string& key, const CodeKey& code) {
-    uint64_t head;
-    if (key.capacity() >= 8) {
-        // The string's buffer holds at least eight bytes; those past its
-        // end are masked off.
-        head = HeadOf(key.data(), key.size());
-    } else {
-        char padded[8] = {};
-        std::memcpy(padded, key.data(), key.size());
-        head = HeadOf(padded, key.size());
-    }
-    if (head != code.head) return head < code.head ? -1 : 1;
-    return key.compare(code.text);
-}
-
-inline bool operator<(const std::string& key, const CodeKey& code) { return CompareCode(key, code) < 0; }
-inline bool operator<(const CodeKey& code, const std::string& key) { return CompareCode(key, code) > 0; }
-
 COrvexWiraMdSpi* SpiOf(const CDCThread& api) { return api.m_pSpi.load(std::memory_order_acquire); }
 
 // Delivery filter shared by all pushes: in subscription mode only what the
@@ -184,9 +143,7 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
         return;
     }
     if (!api.Level(market->marketId)) return;
-    // FindInstrument, with the faster key.
-    const auto found = market->instruments.find(RowCodeKey(code, codeView.size()));
-    CQxInstrument* inst = found == market->instruments.end() ? nullptr : &found->second;
+    CQxInstrument* inst = market->FindInstrument(codeView);
     if (!inst) {
         if (api.m_bLog) api.Log("Can not find Instrument:%.*s", codeLen, code);
         return;
@@ -201,11 +158,23 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     const uint32_t qt = h * 10000000u + mi * 100000u + s * 1000u + ms;
     const uint32_t dd = inst->quoteDate, dt = inst->quoteTime;
     const uint32_t md = market->secondDay, mt = market->timeWord;
-    const CTime64 b = TimeOfDate(md, mt / 10000000u, mt % 10000000u / 100000u, mt % 100000u / 1000u, mt % 1000u);
+    const unsigned mh = mt / 10000000u, mmi = mt % 10000000u / 100000u, ms2 = mt % 100000u / 1000u, mms = mt % 1000u;
 
     // Accepted when it is on a later day, or on the same day and not older.
     uint32_t n = 0;
-    if (!RowDate(dd, b, h, mi, s, ms, &n) || !((dd == n && dt <= qt) || dd < n)) {
+    bool current;
+    if (dd == md && h < 24 && mi < 60 && s < 60 && ms < 1000 && mh < 24 && mmi < 60 && ms2 < 60 && qt >= mt) {
+        // The usual case, the row on the market's own day and not behind its
+        // clock: the same answer as the calendar comparison below, without
+        // building the two time values.
+        const int span = static_cast<int>((h * 3600 + mi * 60 + s) - (mh * 3600 + mmi * 60 + ms2));
+        n = dd;
+        current = span <= kStaleSpan - 1;
+    } else {
+        const CTime64 b = TimeOfDate(md, mh, mmi, ms2, mms);
+        current = RowDate(dd, b, h, mi, s, ms, &n);
+    }
+    if (!current || !((dd == n && dt <= qt) || dd < n)) {
         if (api.m_bLog) api.Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
         return;
     }

@@ -75,6 +75,7 @@ CQxMarket::CQxMarket(const CQxMarket& o)
       status(o.status), status2(o.status2), instruments(o.instruments), UseExchangeCode(o.UseExchangeCode),
       NameTableComplete(o.NameTableComplete) {
     std::memcpy(exchangeCode, o.exchangeCode, sizeof(exchangeCode));
+    RebuildIndex();
     if (!o.instrumentsById.empty()) RebuildIDMap();
 }
 
@@ -88,6 +89,7 @@ CQxMarket& CQxMarket::operator=(const CQxMarket& o) {
     status = o.status;
     status2 = o.status2;
     instruments = o.instruments;
+    RebuildIndex();
     instrumentsById.clear();
     if (!o.instrumentsById.empty()) RebuildIDMap();
     UseExchangeCode = o.UseExchangeCode;
@@ -100,9 +102,28 @@ CQxInstrument* CQxMarket::FindInstrument(const char* code) {
     return FindInstrument(std::string_view(code));
 }
 
-CQxInstrument* CQxMarket::FindInstrument(std::string_view code) {
+CQxInstrument& CQxMarket::PutInstrument(const CQxInstrument& inst) {
+    std::string_view code(inst.marketCode, strnlen(inst.marketCode, sizeof(inst.marketCode)));
     auto it = instruments.find(code);
-    return it == instruments.end() ? nullptr : &it->second;
+    if (it != instruments.end()) {
+        it->second = inst;
+        return it->second;
+    }
+    auto ins = instruments.emplace(std::string(code), inst);
+    m_index.emplace(std::string_view(ins.first->first), &ins.first->second);
+    return ins.first->second;
+}
+
+void CQxMarket::ClearInstruments() {
+    m_index.clear();
+    instrumentsById.clear();
+    instruments.clear();
+}
+
+void CQxMarket::RebuildIndex() {
+    m_index.clear();
+    m_index.reserve(instruments.size());
+    for (auto& kv : instruments) m_index.emplace(std::string_view(kv.first), &kv.second);
 }
 
 CQxInstrument* CQxMarket::FindInstrumentByID(std::string_view id) {

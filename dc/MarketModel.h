@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "api/OrvexWiraMdStruct.h"
@@ -64,9 +65,18 @@ public:
     CQxMarket(const CQxMarket& other);
     CQxMarket& operator=(const CQxMarket& other);
 
-    // Instrument by market code, or null.
+    // Instrument by market code, or null. A hashed index keeps this look-up,
+    // made for every pushed row, off the ordered map.
     CQxInstrument* FindInstrument(const char* code);
-    CQxInstrument* FindInstrument(std::string_view code);
+    CQxInstrument* FindInstrument(std::string_view code) {
+        auto it = m_index.find(code);
+        return it == m_index.end() ? nullptr : it->second;
+    }
+    // Stores an instrument under its market code, replacing one of that code
+    // in place (the map node stays, so pointers to it stay valid).
+    CQxInstrument& PutInstrument(const CQxInstrument& inst);
+    // Empties both instrument maps.
+    void ClearInstruments();
     // Instrument by InstrumentID (exchange or market code), or null.
     CQxInstrument* FindInstrumentByID(std::string_view id);
     // Rebuilds the by-id map from the instruments, in market-code order.
@@ -79,10 +89,17 @@ public:
     uint32_t timeWord;       // HHMMSSmmm
     uint8_t status;
     uint8_t status2;
+    // Change the instruments only through PutInstrument and
+    // ClearInstruments, which keep the hashed index in step.
     StringMap<CQxInstrument> instruments;
     StringMap<CQxInstrument*> instrumentsById;
     bool UseExchangeCode;
     bool NameTableComplete;
+
+private:
+    void RebuildIndex();
+    // Views of the keys of `instruments` (map nodes never move).
+    std::unordered_map<std::string_view, CQxInstrument*> m_index;
 };
 
 class CQxExchange {

@@ -239,8 +239,7 @@ void CDCThread::ProcessNametableRsp(const char* body, int length) {
 
     // A name table always starts from empty.
     if (first == 0) {
-        market->instrumentsById.clear();
-        market->instruments.clear();
+        market->ClearInstruments();
     }
 
     for (int i = 0; i < (whole ? rows : held); ++i) {
@@ -263,9 +262,7 @@ void CDCThread::ProcessNametableRsp(const char* body, int length) {
         inst.quoteTime = 0;
 
         // Replacing keeps the map node, so by-id pointers stay valid.
-        auto it = market->instruments.find(std::string_view(inst.marketCode));
-        if (it != market->instruments.end()) it->second = inst;
-        else market->instruments.emplace(std::string(inst.marketCode), inst);
+        market->PutInstrument(inst);
     }
     if (!whole || first + rows < total) return;
 

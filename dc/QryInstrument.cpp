@@ -69,8 +69,11 @@ int CDCThread::ReqQryInstrument(COrvexWiraQryInstrumentField* query, int request
     std::memset(&info, 0, sizeof(info));
     info.nRequestID = requestId;
     std::memcpy(&info.query, query, sizeof(info.query));
-    std::lock_guard<std::mutex> lock(m_qryLock);
-    m_qryQueue.push_back(info);
+    {
+        std::lock_guard<std::mutex> lock(m_qryLock);
+        m_qryQueue.push_back(info);
+    }
+    Wake();
     return 0;
 }
 

@@ -53,12 +53,18 @@ Request Split(CDCThread& api, std::string_view text) {
 int CDCThread::SubscribeMarketData(char* ids[], int count) {
     // Without subscription mode every quote flows and the queue would never
     // be drained.
-    if (m_bSubscribe) Enqueue(m_subLock, m_subQueue, ids, count);
+    if (m_bSubscribe) {
+        Enqueue(m_subLock, m_subQueue, ids, count);
+        Wake();
+    }
     return 0;
 }
 
 int CDCThread::UnSubscribeMarketData(char* ids[], int count) {
-    if (m_bSubscribe) Enqueue(m_unsubLock, m_unsubQueue, ids, count);
+    if (m_bSubscribe) {
+        Enqueue(m_unsubLock, m_unsubQueue, ids, count);
+        Wake();
+    }
     return 0;
 }
 

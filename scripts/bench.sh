@@ -135,32 +135,29 @@ mkdir -p "$(dirname "$out")"
   cat <<'EOF'
 ## Where the time goes
 
-- A pushed row costs the worker: a look-up of its market, of its
-  instrument by market code in the market's `std::map` of strings (about
-  ten steps for 1,000 instruments, fourteen and colder for 10,000; each
-  step is one 8-byte comparison of the codes' heads), the staleness test
-  on the row's time, the field walk with one double division per price,
-  two short text fields (update time, action day; formatted by hand) and
-  two copies of the 408-byte record (into the output record, which the
-  callback receives). A hashed index of the instruments by market code
-  would take most of the look-up away; it would belong to the market model.
+- A pushed row costs the worker: a look-up of its market and of its
+  instrument by market code (a hashed index next to the market's ordered
+  map), the staleness test on the row's time (a short path when the row is
+  on the market's own day and not behind its clock), the field walk with
+  one exact double division per price, two short text fields (update
+  time, action day; formatted by hand) and two copies of the 408-byte
+  record (into the output record, which the callback receives). The
+  divisions and the record copies are part of what the caller receives
+  and stay as they are.
 - At full speed the receive path is the same as the baseline's (16 KB
-  buffer, 2 ms poll, frames cut in place): the difference in CPU per row
-  is the model work. The baseline's rows/s is bounded by the blaster as
-  much as by itself, so the ratio moves with the blaster's speed; the CPU
-  per row of each receiver is the steadier comparison.
+  buffer, frames cut in place): the difference in CPU per row is the model
+  work. The baseline's rows/s is bounded by the blaster as much as by
+  itself, so the ratio moves with the blaster's speed; the CPU per row of
+  each receiver is the steadier comparison.
 - Latency tails (p99 and beyond) on a small virtual machine are set by
   scheduling: a receiver that is not running when its data arrives waits
   for a core, more so when other work shares the machine. The baseline
   suffers the same, which is why the target compares the two.
-- Idle, the worker wakes every 2 ms (its poll time-out), because the
-  caller's queues (subscriptions, instrument queries) are served only by
-  looking at them. Each wake-up costs what the platform charges for a
-  timer wake-up; the work of a pass is a few hundred nanoseconds. To go
-  further, the queueing operations would wake the worker through an
-  eventfd polled next to the socket (and a finished file-service worker
-  likewise); the poll time-out could then grow to the next heartbeat or
-  reconnect check while queued work would still be served at once.
+- Idle, the worker waits on its socket and on an eventfd that the
+  queueing operations and resets write to, so queued subscriptions and
+  queries are served at once; the wait is 2 ms only while file-service
+  workers are running, otherwise up to the next heartbeat or 100 ms for
+  the clock checks.
 EOF
   echo
   echo "## Running"

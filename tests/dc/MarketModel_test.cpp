@@ -77,7 +77,7 @@ TEST(Market, LookUpsAndCopiesStayIndependent) {
     CQxInstrument inst;
     std::strcpy(inst.marketCode, "cu2405");
     std::strcpy(inst.depth.InstrumentID, "CU2405");
-    m.instruments["cu2405"] = inst;
+    m.PutInstrument(inst);
     m.RebuildIDMap();
     EXPECT_NE(nullptr, m.FindInstrument("cu2405"));
     EXPECT_EQ(nullptr, m.FindInstrument("cu2406"));
