@@ -12,22 +12,14 @@
 
 #include "base/Time64.h"
 #include "dc/DCThread.h"
+#include "dc/WireText.h"
 
 namespace {
 
-template <class T>
-T Rd(const char* p) {
-    T v;
-    std::memcpy(&v, p, sizeof(v));
-    return v;
-}
-
-__attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(dst, size, format, args);
-    va_end(args);
-}
+using dcwire::CopyText;
+using dcwire::PrintField;
+using dcwire::PrintInt;
+using dcwire::Rd;
 
 constexpr unsigned kRecordHead = 7;
 constexpr unsigned kStatusPayload = 16;

@@ -8,15 +8,14 @@
 #include <utility>
 
 #include "dc/DCThread.h"
+#include "dc/WireText.h"
 
 namespace {
 
-template <class T>
-T Rd(const char* p) {
-    T v;
-    std::memcpy(&v, p, sizeof(v));
-    return v;
-}
+using dcwire::CopyText;
+using dcwire::PrintField;
+using dcwire::PrintInt;
+using dcwire::Rd;
 
 // Market status answer: u16 (unused), u16 total rows, u16 rows here, u16
 // first row, then 16-byte rows.
@@ -27,24 +26,6 @@ constexpr int kStatusRow = 16;
 // u16 rows here, u16 first row, then 84-byte rows.
 constexpr int kNameHead = 22;
 constexpr int kNameRow = 84;
-
-// Copies at most `width` bytes of a fixed-width server text into a
-// NUL-terminated field of `room` bytes.
-void CopyText(char* dst, size_t room, const char* src, size_t width) {
-    size_t n = strnlen(src, width);
-    if (n > room - 1) n = room - 1;
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
-}
-
-// Formats into a fixed-width field; text that does not fit is cut at the
-// field's end.
-__attribute__((format(printf, 3, 4))) void PrintField(char* dst, size_t size, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(dst, size, format, args);
-    va_end(args);
-}
 
 const char* const kMainExchanges[4] = {"SHFE", "DCE", "CZCE", "CFFEX"};
 
