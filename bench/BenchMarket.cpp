@@ -4,8 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "support/FakeQuoteServer.h"
-#include "support/QuoteBodies.h"
+#include "protocol/DcFrames.h"
+#include "protocol/QuoteBodies.h"
 
 namespace orvex_bench {
 

@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "BenchUtil.h"
-#include "support/FakeQuoteServer.h"
+#include "protocol/DcFrames.h"
 
 namespace orvex_bench {
 

@@ -22,8 +22,8 @@
 #include "codec/PackageDecoder.h"
 #include "dc/DCThread.h"
 #include "dc/FrameCutter.h"
-#include "support/FakeQuoteServer.h"
-#include "support/QuoteBodies.h"
+#include "protocol/DcFrames.h"
+#include "protocol/QuoteBodies.h"
 
 using namespace orvex_bench;
 

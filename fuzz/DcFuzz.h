@@ -18,7 +18,7 @@
 #include "dc/DCThread.h"
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/TouchSpi.h"
-#include "support/QuoteBodies.h"
+#include "protocol/QuoteBodies.h"
 
 namespace orvex_fuzz {
 

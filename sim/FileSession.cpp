@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "support/QxsfServerCodec.h"
+#include "protocol/QxsfServerCodec.h"
 
 namespace qxsim {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "support/FakeQuoteServer.h"
-#include "support/QuoteBodies.h"
+#include "protocol/DcFrames.h"
+#include "protocol/QuoteBodies.h"
 
 namespace qxsim {
 

@@ -11,8 +11,8 @@
 #include "FileSession.h"
 #include "Market.h"
 #include "QuoteSession.h"
-#include "support/FakeQuoteServer.h"
-#include "support/QxsfServerCodec.h"
+#include "protocol/DcFrames.h"
+#include "protocol/QxsfServerCodec.h"
 
 using namespace qxsim;
 using orvex_test::BuildDcFrame;

@@ -16,7 +16,7 @@
 #include "sf/QXSFThread.h"
 #include "support/FakeFileServer.h"
 #include "support/FakeQuoteServer.h"
-#include "support/QuoteBodies.h"
+#include "protocol/QuoteBodies.h"
 #include "support/RecordingSpi.h"
 
 using namespace orvex_test;

@@ -22,7 +22,7 @@
 #include "base/Clock.h"
 #include "dc/DCThread.h"
 #include "support/FakeQuoteServer.h"
-#include "support/QuoteBodies.h"
+#include "protocol/QuoteBodies.h"
 #include "support/RecordingSpi.h"
 
 namespace orvex_test {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "sf/QxsfWire.h"
-#include "support/QxsfServerCodec.h"
+#include "protocol/QxsfServerCodec.h"
 
 namespace {
 

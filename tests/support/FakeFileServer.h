@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/QxsfServerCodec.h"
+#include "protocol/QxsfServerCodec.h"
 
 namespace qxsfsim {
 

@@ -1,4 +1,4 @@
-#include "support/QuoteBodies.h"
+#include "protocol/QuoteBodies.h"
 
 #include <cstring>
 #include <stdexcept>

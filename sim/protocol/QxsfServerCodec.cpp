@@ -1,4 +1,4 @@
-#include "support/QxsfServerCodec.h"
+#include "protocol/QxsfServerCodec.h"
 
 #include <cstring>
 
