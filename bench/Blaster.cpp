@@ -13,6 +13,7 @@
 
 #include "BenchUtil.h"
 #include "protocol/DcFrames.h"
+#include "protocol/Loopback.h"
 
 namespace orvex_bench {
 
@@ -41,18 +42,7 @@ Blaster::Blaster(const BenchCatalog& cat) : m_cat(cat) {
     m_names = NameTableFrames(cat);
     m_quotes = QuotationFrames(cat);
 
-    m_listen = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    listen(m_listen, 8);
-    socklen_t len = sizeof(addr);
-    getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
+    m_listen = orvex_test::ListenLoopback(0, 8, &m_port);
     if (pipe(m_wake) != 0) m_wake[0] = m_wake[1] = -1;
     m_thread = std::thread([this] { Run(); });
 }

@@ -142,6 +142,23 @@ struct LoginAnswerFields {
 
 }  // namespace
 
+// Keeps the first `keep` bytes of an answer (zero beyond the frame, so every
+// fixed field is read from the copy without running past the body), and the
+// result code and message that the market-status report repeats later.
+static LoginAnswerFields KeepLoginAnswer(CDCThread& api, unsigned char* copy, int keep, const char* body,
+                                         int length, int messageOffset) {
+    std::memset(copy, 0, static_cast<size_t>(keep));
+    std::memcpy(copy, body, static_cast<size_t>(length < keep ? length : keep));
+    LoginAnswerFields f;
+    std::memcpy(&f.handle, copy, 2);
+    std::memcpy(&f.code, copy + 2, 2);
+    f.message = copy + messageOffset;
+    api.m_nLoginCode = f.code;
+    std::memset(api.m_szLoginMsg, 0, sizeof(api.m_szLoginMsg));
+    CopyMessage(api.m_szLoginMsg, f.message);
+    return f;
+}
+
 static bool HandleLoginError(CDCThread& api, const LoginAnswerFields& f) {
     COrvexWiraRspUserLoginField rsp;
     COrvexWiraRspInfoField info;
@@ -161,18 +178,8 @@ static bool HandleLoginError(CDCThread& api, const LoginAnswerFields& f) {
 
 void CDCThread::ProcessLoginRsp1(const char* body, int length) {
     if (length < 0) length = 0;
-    // The kept copy is zero beyond the frame, so every fixed field is read
-    // from it without running past the body.
-    std::memset(m_loginAnswer1, 0, sizeof(m_loginAnswer1));
-    std::memcpy(m_loginAnswer1, body, static_cast<size_t>(length < kLoginRsp1Keep ? length : kLoginRsp1Keep));
-    LoginAnswerFields f;
-    std::memcpy(&f.handle, m_loginAnswer1, 2);
-    std::memcpy(&f.code, m_loginAnswer1 + 2, 2);
-    f.message = m_loginAnswer1 + 12;
+    const LoginAnswerFields f = KeepLoginAnswer(*this, m_loginAnswer1, kLoginRsp1Keep, body, length, 12);
     if (m_bLog) Log("LoginRsp1 : %d", f.code);
-    m_nLoginCode = f.code;
-    std::memset(m_szLoginMsg, 0, sizeof(m_szLoginMsg));
-    CopyMessage(m_szLoginMsg, f.message);
     if (HandleLoginError(*this, f)) return;
 
     bool quick;
@@ -212,16 +219,8 @@ void CDCThread::ProcessLoginRsp1(const char* body, int length) {
 
 void CDCThread::ProcessLoginRsp(const char* body, int length) {
     if (length < 0) length = 0;
-    std::memset(m_loginAnswer, 0, sizeof(m_loginAnswer));
-    std::memcpy(m_loginAnswer, body, static_cast<size_t>(length < kLoginRspKeep ? length : kLoginRspKeep));
-    LoginAnswerFields f;
-    std::memcpy(&f.handle, m_loginAnswer, 2);
-    std::memcpy(&f.code, m_loginAnswer + 2, 2);
-    f.message = m_loginAnswer + 412;
+    const LoginAnswerFields f = KeepLoginAnswer(*this, m_loginAnswer, kLoginRspKeep, body, length, 412);
     if (m_bLog) Log("LoginRsp : %d", f.code);
-    m_nLoginCode = f.code;
-    std::memset(m_szLoginMsg, 0, sizeof(m_szLoginMsg));
-    CopyMessage(m_szLoginMsg, f.message);
     m_nLoginHandle = f.handle;
     if (HandleLoginError(*this, f)) return;
 

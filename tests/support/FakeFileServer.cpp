@@ -1,5 +1,7 @@
 #include "support/FakeFileServer.h"
 
+#include "protocol/Loopback.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -31,23 +33,8 @@ void FakeFileServer::SetScript(const ServerScript& script) { m_script = script; 
 void FakeFileServer::AddFile(const ServedFile& file) { m_files.push_back(file); }
 
 bool FakeFileServer::Start() {
-    m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
+    m_listenFd = orvex_test::ListenLoopback(0, 8, &m_port);
     if (m_listenFd < 0) return false;
-    int on = 1;
-    setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in addr;
-    std::memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    socklen_t addrLen = sizeof(addr);
-    if (bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(m_listenFd, 8) != 0 ||
-        getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &addrLen) != 0) {
-        close(m_listenFd);
-        m_listenFd = -1;
-        return false;
-    }
-    m_port = ntohs(addr.sin_port);
     m_stop = false;
     m_thread = std::thread(&FakeFileServer::Run, this);
     return true;

@@ -10,22 +10,12 @@
 #include <cstring>
 
 #include "base/Clock.h"
+#include "protocol/Loopback.h"
 
 namespace orvex_test {
 
 FakeQuoteServer::FakeQuoteServer() {
-    m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    listen(m_listenFd, 16);
-    socklen_t len = sizeof(addr);
-    getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
+    m_listenFd = ListenLoopback(0, 16, &m_port);
     if (pipe(m_wakeFd) != 0) m_wakeFd[0] = m_wakeFd[1] = -1;
     m_thread = std::thread([this] { Run(); });
 }
