@@ -110,20 +110,20 @@ CQxInstrument& CQxMarket::PutInstrument(const CQxInstrument& inst) {
         return it->second;
     }
     auto ins = instruments.emplace(std::string(code), inst);
-    m_index.emplace(std::string_view(ins.first->first), &ins.first->second);
+    m_index.Insert(std::string_view(ins.first->first), &ins.first->second);
     return ins.first->second;
 }
 
 void CQxMarket::ClearInstruments() {
-    m_index.clear();
+    m_index.Clear();
     instrumentsById.clear();
     instruments.clear();
 }
 
 void CQxMarket::RebuildIndex() {
-    m_index.clear();
-    m_index.reserve(instruments.size());
-    for (auto& kv : instruments) m_index.emplace(std::string_view(kv.first), &kv.second);
+    m_index.Clear();
+    m_index.Reserve(instruments.size());
+    for (auto& kv : instruments) m_index.Insert(std::string_view(kv.first), &kv.second);
 }
 
 CQxInstrument* CQxMarket::FindInstrumentByID(std::string_view id) {

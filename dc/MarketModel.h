@@ -10,10 +10,10 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "api/OrvexWiraMdStruct.h"
+#include "dc/InstrumentIndex.h"
 
 // Size of one quote row as the quote server sends it; also the size of an
 // instrument's raw quote.
@@ -68,10 +68,7 @@ public:
     // Instrument by market code, or null. A hashed index keeps this look-up,
     // made for every pushed row, off the ordered map.
     CQxInstrument* FindInstrument(const char* code);
-    CQxInstrument* FindInstrument(std::string_view code) {
-        auto it = m_index.find(code);
-        return it == m_index.end() ? nullptr : it->second;
-    }
+    CQxInstrument* FindInstrument(std::string_view code) { return m_index.Find(code); }
     // Stores an instrument under its market code, replacing one of that code
     // in place (the map node stays, so pointers to it stay valid).
     CQxInstrument& PutInstrument(const CQxInstrument& inst);
@@ -98,8 +95,8 @@ public:
 
 private:
     void RebuildIndex();
-    // Views of the keys of `instruments` (map nodes never move).
-    std::unordered_map<std::string_view, CQxInstrument*> m_index;
+    // Indexes the keys of `instruments` (map nodes never move).
+    CInstrumentIndex m_index;
 };
 
 class CQxExchange {

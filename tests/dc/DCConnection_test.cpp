@@ -169,6 +169,9 @@ TEST_F(DCConnection, SingleFrontRefusedLoginLeadsToANoFrontRoundThenReconnects) 
 
     FakeClock::AdvanceMs(10000);
     ASSERT_TRUE(spi.WaitFor("linked", 2));
+    // The client may see its connect complete before the server's accept
+    // loop has counted it.
+    EXPECT_TRUE(server.WaitForAccepted(2));
     EXPECT_EQ(2, server.Accepted());
 }
 
