@@ -17,10 +17,6 @@ inline uint64_t Load32(const char* p) {
     return v;
 }
 
-inline bool SameKey(const char* a, size_t aLength, std::string_view b) {
-    return aLength == b.size() && (aLength == 0 || std::memcmp(a, b.data(), aLength) == 0);
-}
-
 inline uint64_t Mix(uint64_t h, uint64_t v) {
     h = (h ^ v) * kMul;
     return h ^ (h >> 29);
@@ -28,51 +24,60 @@ inline uint64_t Mix(uint64_t h, uint64_t v) {
 
 }  // namespace
 
-uint64_t CInstrumentIndex::Hash(std::string_view key) {
-    // Every byte of the key is read exactly as part of some word; the tail
-    // shorter than a word is read as overlapping words so that no byte
-    // outside the key is touched.
+uint64_t CInstrumentIndex::Head(std::string_view key) {
+    // Words are read only within the key: a short key is read as two
+    // overlapping halves, which OR together to the zero-padded bytes.
     const char* p = key.data();
     const size_t n = key.size();
-    uint64_t h = n * kMul;
-    size_t i = 0;
+    if (n >= 8) return Load64(p);
+    if (n >= 4) return Load32(p) | (Load32(p + n - 4) << (8 * (n - 4)));
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i) v |= static_cast<uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+    return v;
+}
+
+uint64_t CInstrumentIndex::Hash(std::string_view key) { return HashWithHead(key, Head(key)); }
+
+uint64_t CInstrumentIndex::HashWithHead(std::string_view key, uint64_t head) {
+    const char* p = key.data();
+    const size_t n = key.size();
+    uint64_t h = Mix(n * kMul, head);
+    size_t i = 8;
     for (; i + 8 <= n; i += 8) h = Mix(h, Load64(p + i));
-    const size_t rest = n - i;
-    if (rest >= 4) {
-        h = Mix(h, Load32(p + i) | (Load32(p + n - 4) << 32));
-    } else if (rest > 0) {
-        const uint64_t a = static_cast<unsigned char>(p[i]);
-        const uint64_t b = static_cast<unsigned char>(p[i + rest / 2]);
-        const uint64_t c = static_cast<unsigned char>(p[n - 1]);
-        h = Mix(h, a | (b << 8) | (c << 16));
-    }
+    if (i < n) h = Mix(h, Load64(p + n - 8));   // the tail, as the key's last eight bytes
     return h * kMul;
+}
+
+bool CInstrumentIndex::Matches(const Slot& s, uint32_t hash, uint64_t head, std::string_view key) {
+    if (s.hash != hash || s.length != key.size() || s.head != head) return false;
+    return key.size() <= 8 || std::memcmp(s.key + 8, key.data() + 8, key.size() - 8) == 0;
 }
 
 CQxInstrument* CInstrumentIndex::Find(std::string_view code) const {
     if (m_size == 0) return nullptr;
-    const uint64_t h = Hash(code);
+    const uint64_t head = Head(code);
+    const uint64_t h = HashWithHead(code, head);
     const size_t mask = m_slots.size() - 1;
     for (size_t i = static_cast<size_t>(h >> m_shift);; i = (i + 1) & mask) {
         const Slot& s = m_slots[i];
         if (!s.key) return nullptr;
-        if (s.hash == h && SameKey(s.key, s.length, code))
-            return s.inst;
+        if (Matches(s, static_cast<uint32_t>(h), head, code)) return s.inst;
     }
 }
 
 void CInstrumentIndex::Insert(std::string_view key, CQxInstrument* inst) {
     if ((m_size + 1) * 2 > m_slots.size()) Grow(m_slots.empty() ? 16 : m_slots.size() * 2);
-    const uint64_t h = Hash(key);
+    const uint64_t head = Head(key);
+    const uint64_t h = HashWithHead(key, head);
     const size_t mask = m_slots.size() - 1;
     for (size_t i = static_cast<size_t>(h >> m_shift);; i = (i + 1) & mask) {
         Slot& s = m_slots[i];
         if (!s.key) {
-            s = Slot{h, key.data(), key.size(), inst};
+            s = Slot{key.data(), inst, static_cast<uint32_t>(h), static_cast<uint32_t>(key.size()), head};
             ++m_size;
             return;
         }
-        if (s.hash == h && SameKey(s.key, s.length, key)) {
+        if (Matches(s, static_cast<uint32_t>(h), head, key)) {
             s.inst = inst;
             return;
         }
@@ -95,7 +100,7 @@ void CInstrumentIndex::Clear() {
 void CInstrumentIndex::Grow(size_t capacity) {
     std::vector<Slot> old;
     old.swap(m_slots);
-    m_slots.assign(capacity, Slot{0, nullptr, 0, nullptr});
+    m_slots.assign(capacity, Slot{nullptr, nullptr, 0, 0, 0});
     unsigned bits = 0;
     while ((size_t{1} << bits) < capacity) ++bits;
     m_shift = 64 - bits;

@@ -3,7 +3,9 @@
 //
 // Open addressing with linear probing over a power-of-two table kept at most
 // half full, so a look-up is one multiply-mix of the code's bytes and, as a
-// rule, one probe. The index stores views of keys it does not own: the
+// rule, one probe. A slot holds the first eight bytes of its key, so a code
+// of up to eight characters (every futures code) is matched without reading
+// the key's own memory. The index stores views of keys it does not own: the
 // caller keeps each key's bytes alive and unchanged while it is indexed
 // (CQxMarket indexes the keys of its own instrument map, whose nodes never
 // move). Entries are only added or all cleared. Not copyable: a copy would
@@ -38,11 +40,15 @@ public:
 
 private:
     struct Slot {
-        uint64_t hash;
         const char* key;       // null: empty slot
-        size_t length;
         CQxInstrument* inst;
+        uint32_t hash;         // low half of the key's hash
+        uint32_t length;
+        uint64_t head;         // first eight bytes of the key, zero-padded
     };
+    static uint64_t Head(std::string_view key);
+    static uint64_t HashWithHead(std::string_view key, uint64_t head);
+    static bool Matches(const Slot& s, uint32_t hash, uint64_t head, std::string_view key);
     void Grow(size_t capacity);
 
     std::vector<Slot> m_slots;

@@ -1,5 +1,7 @@
 #include "dc/MarketModel.h"
 
+#include <emmintrin.h>
+
 #include <cfloat>
 #include <cstddef>
 
@@ -24,6 +26,16 @@ void InitDepthRecord(COrvexWiraDepthMarketDataField* r) {
                         &r->BidPrice4,     &r->AskPrice4,          &r->BidPrice5,       &r->AskPrice5,
                         &r->AveragePrice};
     for (double* p : prices) *p = DBL_MAX;
+}
+
+void CopyDepthRecord(COrvexWiraDepthMarketDataField* dst, const COrvexWiraDepthMarketDataField* src) {
+    static_assert(sizeof(COrvexWiraDepthMarketDataField) == 25 * 16 + 8, "depth record size");
+    char* d = reinterpret_cast<char*>(dst);
+    const char* s = reinterpret_cast<const char*>(src);
+    for (int i = 0; i < 25; ++i)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * i),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * i)));
+    std::memcpy(d + 400, s + 400, 8);
 }
 
 void FillInstrumentRecord(COrvexWiraInstrumentField* rec, const CQxMarket& market, const CQxInstrument& inst) {

@@ -29,6 +29,11 @@ double RawCountToDouble(uint32_t raw);
 // of a record that has seen no quote yet (Turnover and volumes start at 0).
 void InitDepthRecord(COrvexWiraDepthMarketDataField* rec);
 
+// Copies a whole depth record. The record is 408 bytes: the compiler's
+// inlined string move for a struct copy of that size starts slowly, so the
+// quote path copies it in 16-byte moves instead.
+void CopyDepthRecord(COrvexWiraDepthMarketDataField* dst, const COrvexWiraDepthMarketDataField* src);
+
 // Fills an instrument answer record from the model, in the fixed order of
 // four unbounded copies: a name of 21 bytes or more runs into ExchangeInstID
 // and is then overwritten by it, exactly as the answers have always looked.

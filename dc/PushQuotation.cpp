@@ -221,7 +221,7 @@ bool CDCThread::ProcessPushQuotation(const char* row, int rowLength, CQxInstrume
     SetUpdateTime(inst, row);
     ApplyRow<false>(row, rowLength, inst, nullptr);
     PrintInt(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), static_cast<int>(inst->quoteDate));
-    *out = inst->depth;
+    CopyDepthRecord(out, &inst->depth);
     return true;
 }
 
