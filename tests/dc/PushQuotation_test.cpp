@@ -1,5 +1,8 @@
 // Pushed rows applied to an instrument: the full applier and the delta
 // applier with its change marks.
+#include <cmath>
+#include <random>
+
 #include "dc/HandlerKit.h"
 
 using namespace orvex_test;
@@ -269,4 +272,191 @@ TEST_F(PushQuotationTest, DeltaComparesWithTheLastSnapshotOrDeltaNotWithFullPush
     ASSERT_TRUE(Delta(Push().Price(kPushLast, 700300), &out, &changed));
     EXPECT_TRUE(changed);
     EXPECT_EQ(out.LastPrice, 70030.0);
+}
+
+// ---- random rows against a field-by-field reading of the row ----
+
+namespace {
+
+using Rec = COrvexWiraDepthMarketDataField;
+
+// The expected effect of one row, read one field at a time in mask order:
+// the depth record, the delta record (null for a full push), the raw quote
+// and whether anything changed. A field that does not fit ends the row.
+struct RowOracle {
+    Rec depth;
+    unsigned char raw[kQuoteRowBytes];
+    double divisor;
+
+    static double Price(int32_t v, double divisor) {
+        if (v == 0) return DBL_MAX;
+        if (v == INT32_MIN) return 0.0;
+        return v / divisor;
+    }
+
+    bool Apply(const std::string& row, size_t length, Rec* delta) {
+        double Rec::*const a[16] = {&Rec::PreClosePrice,   &Rec::PreSettlementPrice, &Rec::OpenPrice,
+                                    &Rec::HighestPrice,    &Rec::LowestPrice,        &Rec::LastPrice,
+                                    &Rec::UpperLimitPrice, &Rec::LowerLimitPrice,    &Rec::AveragePrice,
+                                    &Rec::SettlementPrice, &Rec::ClosePrice,         nullptr,
+                                    &Rec::Volume,          &Rec::OpenInterest,       &Rec::PreOpenInterest,
+                                    &Rec::Turnover};
+        const int rawA[16] = {31, 35, 39, 43, 47, 51, 55, 59, 63, 67, 71, 75, 79, 87, 91, 95};
+        double Rec::*const price[10] = {&Rec::BidPrice1, &Rec::BidPrice2, &Rec::BidPrice3, &Rec::BidPrice4,
+                                        &Rec::BidPrice5, &Rec::AskPrice1, &Rec::AskPrice2, &Rec::AskPrice3,
+                                        &Rec::AskPrice4, &Rec::AskPrice5};
+        int Rec::*const volume[10] = {&Rec::BidVolume1, &Rec::BidVolume2, &Rec::BidVolume3, &Rec::BidVolume4,
+                                      &Rec::BidVolume5, &Rec::AskVolume1, &Rec::AskVolume2, &Rec::AskVolume3,
+                                      &Rec::AskVolume4, &Rec::AskVolume5};
+        uint32_t maskA, maskB;
+        std::memcpy(&maskA, row.data(), 4);
+        std::memcpy(&maskB, row.data() + 4, 4);
+        size_t pos = 39;
+        bool changed = false;
+        for (int bit = 0; bit < 16; ++bit) {
+            if (!(maskA >> bit & 1)) continue;
+            const size_t width = (bit == 12 || bit == 15) ? 8 : 4;
+            if (pos + width > length) return changed;
+            const char* p = row.data() + pos;
+            pos += width;
+            if (bit == 11) continue;
+            int32_t i32;
+            uint32_t u32;
+            double f64 = 0;
+            std::memcpy(&i32, p, 4);
+            std::memcpy(&u32, p, 4);
+            if (width == 8) std::memcpy(&f64, p, 8);
+            if (width == 8) depth.*a[bit] = f64;
+            else if (bit == 13 || bit == 14) depth.*a[bit] = u32;
+            else depth.*a[bit] = Price(i32, divisor);
+            if (!delta) continue;
+            bool differs;
+            if (width == 8) {
+                double before;
+                std::memcpy(&before, raw + rawA[bit], 8);
+                differs = std::fabs(f64 - before) > 1e-5;
+            } else {
+                differs = std::memcmp(p, raw + rawA[bit], 4) != 0;
+            }
+            if (!differs) continue;
+            if (bit == 14) delta->OpenInterest = depth.OpenInterest;
+            else delta->*a[bit] = depth.*a[bit];
+            std::memcpy(raw + rawA[bit], p, width);
+            changed = true;
+        }
+        for (int bit = 0; bit < 20; ++bit) {
+            if (!(maskB >> bit & 1)) continue;
+            if (pos + 8 > length) return changed;
+            const char* p = row.data() + pos;
+            pos += 8;
+            const bool bid = bit < 5, ask = bit >= 10 && bit < 15;
+            if (!bid && !ask) continue;
+            const int k = bid ? bit : 5 + (bit - 10);
+            unsigned char* r = raw + (bid ? 183 + 8 * bit : 103 + 8 * (bit - 10));
+            int32_t px, vol;
+            std::memcpy(&px, p, 4);
+            std::memcpy(&vol, p + 4, 4);
+            depth.*price[k] = Price(px, divisor);
+            depth.*volume[k] = vol;
+            if (!delta) continue;
+            if (std::memcmp(p, r, 4) != 0) {
+                delta->*price[k] = depth.*price[k];
+                std::memcpy(r, p, 4);
+                changed = true;
+            }
+            if (std::memcmp(p + 4, r + 4, 4) != 0) {
+                delta->*volume[k] = vol;
+                std::memcpy(r + 4, p + 4, 4);
+                changed = true;
+            }
+        }
+        return changed;
+    }
+};
+
+}  // namespace
+
+TEST_F(PushQuotationTest, RandomRowsMatchAFieldByFieldReading) {
+    // Values drawn from small pools, so that rows often repeat what the raw
+    // quote holds (no change) and often do not; masks and lengths at random,
+    // including rows cut inside a field.
+    std::mt19937 rng(20241121);
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+    const int32_t prices[] = {0, INT32_MIN, 700050, 700060, 700055, -12345, 1};
+    const double doubles[] = {1234.0, 1234.000001, 1234.5, 1e9, 0.0};
+    const uint32_t counts[] = {0, 400, 500, 501};
+
+    RowOracle oracle;
+    std::memcpy(&oracle.depth, &inst->depth, sizeof(oracle.depth));
+    std::memcpy(oracle.raw, inst->rawQuote, sizeof(oracle.raw));
+    oracle.divisor = inst->priceDivisor;
+
+    for (int round = 0; round < 4000; ++round) {
+        PushedRow row = Push(static_cast<unsigned>(round % 60), static_cast<unsigned>(round % 1000));
+        for (int bit = 0; bit < 16; ++bit) {
+            if (pick(3) != 0) continue;
+            if (bit <= kPushClose) row.Price(static_cast<PushField>(bit), prices[pick(7)]);
+            else if (bit == kPushReserved) row.Reserved(static_cast<uint32_t>(rng()));
+            else if (bit == kPushVolume) row.Volume(doubles[pick(5)]);
+            else if (bit == kPushOpenInterest) row.OpenInterest(counts[pick(4)]);
+            else if (bit == kPushPreOpenInterest) row.PreOpenInterest(counts[pick(4)]);
+            else row.Turnover(doubles[pick(5)]);
+        }
+        for (int level = 1; level <= 10; ++level) {
+            if (pick(3) == 0) row.Bid(level, prices[pick(7)], counts[pick(4)]);
+            if (pick(3) == 0) row.Ask(level, prices[pick(7)], counts[pick(4)]);
+        }
+        const std::string full = row.Encode();
+        size_t length = full.size();
+        if (pick(4) == 0) length = 39 + static_cast<size_t>(pick(static_cast<int>(full.size()) - 38));
+        std::vector<char> bytes(full.begin(), full.begin() + static_cast<long>(length));
+        const bool delta = pick(2) == 0;
+
+        Rec out, expectedOut;
+        bool changed = false;
+        bool expectedChanged = false;
+        if (delta) {
+            ASSERT_TRUE(api->ProcessPushQuotationDelta(bytes.data(), static_cast<int>(length), inst, &changed, &out));
+            // The delta record starts zeroed with every change-tracked field
+            // marked unchanged; the texts come from the record.
+            std::memset(&expectedOut, 0, sizeof(expectedOut));
+            for (double* d : {&expectedOut.LastPrice, &expectedOut.PreSettlementPrice, &expectedOut.PreClosePrice,
+                              &expectedOut.PreOpenInterest, &expectedOut.OpenPrice, &expectedOut.HighestPrice,
+                              &expectedOut.LowestPrice, &expectedOut.Volume, &expectedOut.Turnover,
+                              &expectedOut.OpenInterest, &expectedOut.ClosePrice, &expectedOut.SettlementPrice,
+                              &expectedOut.UpperLimitPrice, &expectedOut.LowerLimitPrice, &expectedOut.PreDelta,
+                              &expectedOut.CurrDelta, &expectedOut.AveragePrice, &expectedOut.BidPrice1,
+                              &expectedOut.BidPrice2, &expectedOut.BidPrice3, &expectedOut.BidPrice4,
+                              &expectedOut.BidPrice5, &expectedOut.AskPrice1, &expectedOut.AskPrice2,
+                              &expectedOut.AskPrice3, &expectedOut.AskPrice4, &expectedOut.AskPrice5})
+                *d = DBL_MAX;
+            for (int* v : {&expectedOut.BidVolume1, &expectedOut.BidVolume2, &expectedOut.BidVolume3,
+                           &expectedOut.BidVolume4, &expectedOut.BidVolume5, &expectedOut.AskVolume1,
+                           &expectedOut.AskVolume2, &expectedOut.AskVolume3, &expectedOut.AskVolume4,
+                           &expectedOut.AskVolume5})
+                *v = 0x7FFFFFFF;
+            std::memcpy(oracle.depth.UpdateTime, inst->depth.UpdateTime, sizeof(oracle.depth.UpdateTime));
+            oracle.depth.UpdateMillisec = inst->depth.UpdateMillisec;
+            std::memcpy(oracle.depth.ActionDay, inst->depth.ActionDay, sizeof(oracle.depth.ActionDay));
+            std::memcpy(expectedOut.TradingDay, oracle.depth.TradingDay, sizeof(expectedOut.TradingDay));
+            std::memcpy(expectedOut.InstrumentID, oracle.depth.InstrumentID, sizeof(expectedOut.InstrumentID));
+            std::memcpy(expectedOut.ExchangeID, oracle.depth.ExchangeID, sizeof(expectedOut.ExchangeID));
+            std::memcpy(expectedOut.ExchangeInstID, oracle.depth.ExchangeInstID, sizeof(expectedOut.ExchangeInstID));
+            std::memcpy(expectedOut.UpdateTime, oracle.depth.UpdateTime, sizeof(expectedOut.UpdateTime));
+            expectedOut.UpdateMillisec = oracle.depth.UpdateMillisec;
+            std::memcpy(expectedOut.ActionDay, oracle.depth.ActionDay, sizeof(expectedOut.ActionDay));
+            expectedChanged = oracle.Apply(full, length, &expectedOut);
+            EXPECT_EQ(expectedChanged, changed) << "round " << round;
+        } else {
+            ASSERT_TRUE(api->ProcessPushQuotation(bytes.data(), static_cast<int>(length), inst, &out));
+            std::memcpy(oracle.depth.UpdateTime, inst->depth.UpdateTime, sizeof(oracle.depth.UpdateTime));
+            oracle.depth.UpdateMillisec = inst->depth.UpdateMillisec;
+            std::memcpy(oracle.depth.ActionDay, inst->depth.ActionDay, sizeof(oracle.depth.ActionDay));
+            oracle.Apply(full, length, nullptr);
+            std::memcpy(&expectedOut, &oracle.depth, sizeof(expectedOut));
+        }
+        ASSERT_EQ(0, std::memcmp(&oracle.depth, &inst->depth, sizeof(Rec))) << "depth, round " << round;
+        ASSERT_EQ(0, std::memcmp(oracle.raw, inst->rawQuote, sizeof(oracle.raw))) << "raw quote, round " << round;
+        ASSERT_EQ(0, std::memcmp(&expectedOut, &out, sizeof(Rec))) << "reported record, round " << round;
+    }
 }
