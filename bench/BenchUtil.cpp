@@ -1,5 +1,7 @@
 #include "BenchUtil.h"
 
+#include <sched.h>
+
 #include <dirent.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -84,6 +86,23 @@ int FindThread(const std::string& name) {
     }
     closedir(d);
     return found;
+}
+
+bool PinThread(int tid, int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return sched_setaffinity(tid, sizeof(set), &set) == 0;
+}
+
+std::vector<int> UsableCpus() {
+    std::vector<int> cpus;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof(set), &set) != 0) return cpus;
+    for (int c = 0; c < CPU_SETSIZE; ++c)
+        if (CPU_ISSET(c, &set)) cpus.push_back(c);
+    return cpus;
 }
 
 int64_t ResidentBytes() {

@@ -27,6 +27,12 @@ long ThreadWakeups(int tid);
 // Id of the first thread of this process with this name, or -1.
 int FindThread(const std::string& name);
 
+// Binds one thread of this process (0: the calling thread) to one CPU.
+// False when the machine has no such CPU or the call is refused.
+bool PinThread(int tid, int cpu);
+// The CPUs this process may run on, in order.
+std::vector<int> UsableCpus();
+
 // Resident set size of the process, bytes.
 int64_t ResidentBytes();
 // Bytes of the heap in use (malloc's own count).

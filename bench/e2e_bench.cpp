@@ -402,6 +402,11 @@ int main(int argc, char** argv) {
     // Warm-up: pages, caches and clocks of both paths.
     WaitUntil([&] { return baseline.Tid() >= 0; }, 2000);
     const int baseTid = baseline.Tid();
+    // The sender (this thread) keeps one CPU and both receiving threads
+    // share another, so that every run has the same placement.
+    const std::vector<int> cpus = UsableCpus();
+    const bool pinned = cpus.size() >= 2 && PinThread(0, cpus[0]) && PinThread(worker, cpus[1]) &&
+                        PinThread(baseTid, cpus[1]);
     RunStream(baseBlaster, baseRecorder, baseTid, stream, 0, 10, 200000, &nextSeq);
     RunStream(libBlaster, libRecorder, worker, stream, 0, 10, 200000, &nextSeq);
 
@@ -491,7 +496,10 @@ int main(int argc, char** argv) {
           "depth record unchanged. The library runs with full pushes and no subscription filter; its "
           "callback only records the row. The baseline client receives the same stream with the library's "
           "buffer and 2 ms poll, cuts the frames and walks the row heads, and does nothing else. Receivers "
-          "take turns: the baseline's run, then the library's, for each rate. Latency is from the send() "
+          "take turns: the baseline's run, then the library's, for each rate. "
+       << (pinned ? "The sending thread is bound to one CPU and both receiving threads to another. "
+                  : "Threads are not bound to CPUs (fewer than two usable). ")
+       << "Latency is from the send() "
           "of the row's frame to the delivery of the row; both receivers read the monotonic clock once "
           "per row for it. CPU ns/row is the receiving thread's CPU time (user and system) per row "
           "delivered.\n\n";
