@@ -32,6 +32,7 @@ void CopyDepthRecord(COrvexWiraDepthMarketDataField* dst, const COrvexWiraDepthM
     static_assert(sizeof(COrvexWiraDepthMarketDataField) == 25 * 16 + 8, "depth record size");
     char* d = reinterpret_cast<char*>(dst);
     const char* s = reinterpret_cast<const char*>(src);
+#pragma GCC unroll 25
     for (int i = 0; i < 25; ++i)
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * i),
                          _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * i)));

@@ -73,23 +73,11 @@ char CDCThread::StatusChar(uint8_t code) {
 // those of snprintf(out9, 9, "%02u:%02u:%02u", h, m, s): at most 8
 // characters and a NUL, nothing written after the NUL.
 void CDCThread::FormatPackedTime(char* out9, uint32_t packed) {
-    const unsigned h = packed >> 22;   // 0-1023: two to four digits
+    if (dcwire::FormatShortTime(out9, packed)) return;
+    // Three or four hour digits: the text is cut after eight characters.
+    const unsigned h = packed >> 22;
     const unsigned m = (packed >> 16) & 0x3F;
     const unsigned s = (packed >> 10) & 0x3F;
-    if (h < 100) {
-        // The usual case: exactly eight characters.
-        out9[0] = static_cast<char>('0' + h / 10);
-        out9[1] = static_cast<char>('0' + h % 10);
-        out9[2] = ':';
-        out9[3] = static_cast<char>('0' + m / 10);
-        out9[4] = static_cast<char>('0' + m % 10);
-        out9[5] = ':';
-        out9[6] = static_cast<char>('0' + s / 10);
-        out9[7] = static_cast<char>('0' + s % 10);
-        out9[8] = '\0';
-        return;
-    }
-    // Three or four hour digits: the text is cut after eight characters.
     char text[12];
     int n = 0;
     if (h >= 1000) text[n++] = static_cast<char>('0' + h / 1000);

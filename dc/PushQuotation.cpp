@@ -85,7 +85,8 @@ constexpr int F::*kAskVolume[5] = {&F::AskVolume1, &F::AskVolume2, &F::AskVolume
 
 void SetUpdateTime(CQxInstrument* inst, const char* row) {
     const uint32_t packed = Rd<uint32_t>(row + kPushTime);
-    CDCThread::FormatPackedTime(inst->depth.UpdateTime, packed);
+    char* text = inst->depth.UpdateTime;
+    if (!dcwire::FormatShortTime(text, packed)) CDCThread::FormatPackedTime(text, packed);
     inst->depth.UpdateMillisec = static_cast<int>(packed & 0x3FF);
 }
 

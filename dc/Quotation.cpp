@@ -77,7 +77,7 @@ void FillDepthFromRow(CQxInstrument& inst, const char* row) {
     d.UpperLimitPrice = price(kRowUpperLimit);
     d.LowerLimitPrice = price(kRowLowerLimit);
     const uint32_t packed = Rd<uint32_t>(row + kRowTime);
-    CDCThread::FormatPackedTime(d.UpdateTime, packed);
+    if (!dcwire::FormatShortTime(d.UpdateTime, packed)) CDCThread::FormatPackedTime(d.UpdateTime, packed);
     d.UpdateMillisec = static_cast<int>(packed & 0x3FF);
     for (int k = 0; k < 5; ++k) {
         d.*kBidPrice[k] = price(kRowBid + 8 * k);

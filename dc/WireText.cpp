@@ -5,35 +5,7 @@
 
 namespace dcwire {
 
-namespace {
-
-// "00" to "99".
-struct DigitPairs {
-    char text[200];
-    constexpr DigitPairs() : text() {
-        for (int i = 0; i < 100; ++i) {
-            text[2 * i] = static_cast<char>('0' + i / 10);
-            text[2 * i + 1] = static_cast<char>('0' + i % 10);
-        }
-    }
-};
-constexpr DigitPairs kDigitPairs;
-
-// snprintf(dst, size, "%d", value) written out by hand, for the quote path:
-// at most size - 1 characters and a NUL, nothing written after the NUL.
-}  // namespace
-
-void PrintInt(char* dst, size_t size, int value) {
-    if (value >= 10000000 && value <= 99999999 && size >= 9) {
-        // A YYYYMMDD date: eight digits, two at a time.
-        const unsigned hi = static_cast<unsigned>(value) / 10000, lo = static_cast<unsigned>(value) % 10000;
-        std::memcpy(dst, kDigitPairs.text + 2 * (hi / 100), 2);
-        std::memcpy(dst + 2, kDigitPairs.text + 2 * (hi % 100), 2);
-        std::memcpy(dst + 4, kDigitPairs.text + 2 * (lo / 100), 2);
-        std::memcpy(dst + 6, kDigitPairs.text + 2 * (lo % 100), 2);
-        dst[8] = '\0';
-        return;
-    }
+void PrintIntGeneral(char* dst, size_t size, int value) {
     unsigned u = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
     size_t n = value < 0 ? 2 : 1;
     for (unsigned rest = u; rest >= 10; rest /= 10) ++n;
