@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -118,6 +119,7 @@ void BaselineClient::Run() {
     // The library's receive path: 16384-byte buffer, 2 ms poll, frames of
     // at most 4096 bytes cut in place and the remainder moved down.
     m_tid = static_cast<int>(gettid());
+    pthread_setname_np(pthread_self(), "baseline");
     static constexpr int kBuffer = 16384;
     std::vector<char> buf(kBuffer);
     int fill = 0;

@@ -59,7 +59,7 @@ void FillInstrumentRecord(COrvexWiraInstrumentField* rec, const CQxMarket& marke
 }
 
 CQxInstrument::CQxInstrument()
-    : priceDivisor(0), attribute1(0), attribute2(0), pushedDate(0), quoteDate(0), quoteTime(0) {
+    : priceDivisor(0), pushedDate(0), quoteDate(0), quoteTime(0), attribute1(0), attribute2(0) {
     std::memset(exchangeCode, 0, sizeof(exchangeCode));
     std::memset(marketCode, 0, sizeof(marketCode));
     std::memset(name, 0, sizeof(name));

@@ -41,21 +41,25 @@ class CQxInstrument;
 class CQxMarket;
 void FillInstrumentRecord(COrvexWiraInstrumentField* rec, const CQxMarket& market, const CQxInstrument& inst);
 
-class CQxInstrument {
+// Laid out for the pushed-row path: the divisor, the dates and the depth
+// record, which every row reads and writes, come first and together, and
+// the instrument starts on a cache line, so a row touches as few lines of
+// it as the depth record allows. Names and the raw quote follow.
+class alignas(64) CQxInstrument {
 public:
     CQxInstrument();
 
-    char exchangeCode[32];   // code as the exchange writes it
-    char marketCode[32];     // code the quote server uses; map key
-    char name[64];
     uint32_t priceDivisor;
-    uint16_t attribute1;     // reported as VolumeMultiple
-    uint16_t attribute2;     // stored, never read
-    COrvexWiraDepthMarketDataField depth;
-    unsigned char rawQuote[kQuoteRowSize];
     uint32_t pushedDate;
     uint32_t quoteDate;      // YYYYMMDD, 0 = never dated (not reported)
     uint32_t quoteTime;      // HHMMSSmmm
+    COrvexWiraDepthMarketDataField depth;
+    uint16_t attribute1;     // reported as VolumeMultiple
+    uint16_t attribute2;     // stored, never read
+    char exchangeCode[32];   // code as the exchange writes it
+    char marketCode[32];     // code the quote server uses; map key
+    char name[64];
+    unsigned char rawQuote[kQuoteRowSize];
 };
 
 // Map keyed by std::string that can be searched with a string_view, so that
