@@ -137,8 +137,26 @@ public:
     // ---- model ----
     CQxExchange* FindExchange(const char* exchangeId);
     CQxExchange* FindExchange(std::string_view exchangeId);
-    bool Level(int marketId) const;
-    CQxMarket* FindMarket(int marketId);
+    // The first two ids of each exchange's group carry the plain feed (Level
+    // 0), the ids ten above them the deep feed (any other Level); every other
+    // market is always admitted.
+    bool Level(int marketId) const {
+        const int offset = marketId - 2000;
+        if (offset < 0 || offset >= 400) return true;
+        const int inGroup = offset % 100;
+        if (inGroup == 0 || inGroup == 1) return m_nLevel == 0;
+        if (inGroup == 10 || inGroup == 11) return m_nLevel != 0;
+        return true;
+    }
+    // The market with this id, or null. The last one found is remembered:
+    // the rows of a feed come market by market.
+    CQxMarket* FindMarket(int marketId) {
+        if (m_lastMarket && marketId == m_lastMarketId) return m_lastMarket;
+        return FindMarketInMap(marketId);
+    }
+    CQxMarket* FindMarketInMap(int marketId);
+    // Empties the market map (and forgets the remembered market).
+    void ClearMarkets();
 
     // ---- market data handlers (DC worker) ----
     void ProcessMkStatusRsp(const char* body, int length);
@@ -267,8 +285,11 @@ public:
     // How long the worker may wait for input in this pass.
     int WaitTimeoutMs(uint32_t lastHeartBeat) const;
 
-    // Model.
+    // Model. Markets are removed only all at once, by ClearMarkets; map
+    // nodes never move, so a remembered market stays valid until then.
     std::map<unsigned short, CQxMarket> m_markets;
+    CQxMarket* m_lastMarket = nullptr;
+    int m_lastMarketId = -1;
     std::map<std::string, CQxExchange, std::less<>> m_exchanges;
     std::set<unsigned short> m_offeredMarkets;
     CExtraMarket m_extraMarket;

@@ -4,6 +4,8 @@
 // A body is a run of records: u32 sequence, u8 type, u16 payload length,
 // payload. A record whose payload would run past the body ends the walk.
 // DC worker thread only; a pushed row allocates nothing.
+#include <emmintrin.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -124,10 +126,21 @@ bool RowDate(uint32_t dd, const CTime64& b, unsigned h, unsigned mi, unsigned s,
     return true;
 }
 
+// strnlen(code, 21) for the code field of a pushed row: the first 16 bytes
+// are tested at once (the row's head always holds them), the rest one by one.
+size_t CodeLength(const char* code) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(code));
+    const unsigned zeros = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
+    if (zeros != 0) return static_cast<size_t>(__builtin_ctz(zeros));
+    size_t n = 16;
+    while (n < 21 && code[n] != '\0') ++n;
+    return n;
+}
+
 // A pushed quote row of rowLength bytes (at least its 39-byte head).
 void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     const char* code = row + 10;
-    const std::string_view codeView(code, strnlen(code, 21));
+    const std::string_view codeView(code, CodeLength(code));
     const int codeLen = static_cast<int>(codeView.size());
     CQxMarket* market = api.FindMarket(Rd<uint16_t>(row + 8));
     if (!market) {
@@ -150,20 +163,20 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     const uint32_t qt = h * 10000000u + mi * 100000u + s * 1000u + ms;
     const uint32_t dd = inst->quoteDate, dt = inst->quoteTime;
     const uint32_t md = market->secondDay, mt = market->timeWord;
-    const unsigned mh = mt / 10000000u, mmi = mt % 10000000u / 100000u, ms2 = mt % 100000u / 1000u, mms = mt % 1000u;
+    const CQxMarket::ClockParts& clock = market->Clock();
 
     // Accepted when it is on a later day, or on the same day and not older.
     uint32_t n = 0;
     bool current;
-    if (dd == md && h < 24 && mi < 60 && s < 60 && ms < 1000 && mh < 24 && mmi < 60 && ms2 < 60 && qt >= mt) {
+    if (dd == md && h < 24 && mi < 60 && s < 60 && ms < 1000 && clock.plausible && qt >= mt) {
         // The usual case, the row on the market's own day and not behind its
         // clock: the same answer as the calendar comparison below, without
         // building the two time values.
-        const int span = static_cast<int>((h * 3600 + mi * 60 + s) - (mh * 3600 + mmi * 60 + ms2));
+        const int span = static_cast<int>((h * 3600 + mi * 60 + s) - clock.seconds);
         n = dd;
         current = span <= kStaleSpan - 1;
     } else {
-        const CTime64 b = TimeOfDate(md, mh, mmi, ms2, mms);
+        const CTime64 b = TimeOfDate(md, clock.h, clock.mi, clock.s, clock.ms);
         current = RowDate(dd, b, h, mi, s, ms, &n);
     }
     if (!current || !((dd == n && dt <= qt) || dd < n)) {

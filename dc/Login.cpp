@@ -212,7 +212,7 @@ void CDCThread::ProcessLoginRsp1(const char* body, int length) {
         return;
     }
     m_exchanges.clear();
-    m_markets.clear();
+    ClearMarkets();
     m_offeredMarkets.clear();
     StartModelLoad(true);
 }
@@ -232,7 +232,7 @@ void CDCThread::ProcessLoginRsp(const char* body, int length) {
     }
 
     m_exchanges.clear();
-    m_markets.clear();
+    ClearMarkets();
     std::set<unsigned short> numbers;
     for (int slot = 0; slot < 200; ++slot) {
         uint16_t number;

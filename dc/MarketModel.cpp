@@ -110,6 +110,19 @@ CQxMarket& CQxMarket::operator=(const CQxMarket& o) {
     return *this;
 }
 
+void CQxMarket::SplitClock() const {
+    const uint32_t t = timeWord;
+    ClockParts c;
+    c.h = t / 10000000u;
+    c.mi = t % 10000000u / 100000u;
+    c.s = t % 100000u / 1000u;
+    c.ms = t % 1000u;
+    c.seconds = c.h * 3600 + c.mi * 60 + c.s;
+    c.plausible = c.h < 24 && c.mi < 60 && c.s < 60;
+    m_clock = c;
+    m_clockWord = t;
+}
+
 CQxInstrument* CQxMarket::FindInstrument(const char* code) {
     if (!code) return nullptr;
     return FindInstrument(std::string_view(code));

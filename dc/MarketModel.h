@@ -93,6 +93,18 @@ public:
     uint32_t tradingDay;
     uint32_t secondDay;
     uint32_t timeWord;       // HHMMSSmmm
+
+    // timeWord split up, for comparing pushed rows with the market's clock;
+    // worked out again only after timeWord has changed.
+    struct ClockParts {
+        unsigned h, mi, s, ms;
+        unsigned seconds;    // of the day, h * 3600 + mi * 60 + s
+        bool plausible;      // h < 24, mi < 60, s < 60
+    };
+    const ClockParts& Clock() const {
+        if (m_clockWord != timeWord) SplitClock();
+        return m_clock;
+    }
     uint8_t status;
     uint8_t status2;
     // Change the instruments only through PutInstrument and
@@ -104,6 +116,10 @@ public:
 
 private:
     void RebuildIndex();
+    void SplitClock() const;
+    // The timeWord m_clock was split from; the pair always agrees.
+    mutable uint32_t m_clockWord = 0;
+    mutable ClockParts m_clock{0, 0, 0, 0, 0, true};
     // Indexes the keys of `instruments` (map nodes never move).
     CInstrumentIndex m_index;
 };

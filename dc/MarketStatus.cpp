@@ -41,21 +41,19 @@ CQxExchange* CDCThread::FindExchange(std::string_view exchangeId) {
     return it == m_exchanges.end() ? nullptr : &it->second;
 }
 
-CQxMarket* CDCThread::FindMarket(int marketId) {
+CQxMarket* CDCThread::FindMarketInMap(int marketId) {
     if (marketId < 0 || marketId > 0xFFFF) return nullptr;
     auto it = m_markets.find(static_cast<unsigned short>(marketId));
-    return it == m_markets.end() ? nullptr : &it->second;
+    if (it == m_markets.end()) return nullptr;
+    m_lastMarket = &it->second;
+    m_lastMarketId = marketId;
+    return m_lastMarket;
 }
 
-// The first two ids of each exchange's group carry the plain feed (Level 0),
-// the ids ten above them the deep feed (any other Level); every other market
-// is always admitted.
-bool CDCThread::Level(int marketId) const {
-    for (int base = 2000; base <= 2300; base += 100) {
-        if (marketId == base || marketId == base + 1) return m_nLevel == 0;
-        if (marketId == base + 10 || marketId == base + 11) return m_nLevel != 0;
-    }
-    return true;
+void CDCThread::ClearMarkets() {
+    m_lastMarket = nullptr;
+    m_lastMarketId = -1;
+    m_markets.clear();
 }
 
 char CDCThread::StatusChar(uint8_t code) {

@@ -189,6 +189,47 @@ TEST_F(DynainfoTest, RowFarAheadOfTheMarketIsStale) {
     EXPECT_TRUE(spi.depths.empty());
 }
 
+TEST_F(DynainfoTest, StaleTestFollowsAMarketClockMovedByAStatusRecord) {
+    // 18:30 is 17.5 hours after 01:00 (stale) but 16.5 hours after 02:00
+    // (current): the second row must be measured against the moved clock.
+    Clock(20240102, 10000000, 20240102, 10000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 18, 30, 0, 0, 700300)));
+    EXPECT_TRUE(spi.depths.empty());
+    Dyna(DynaStatusRecord(2, StatusOf(2001, 20240102, 1, 20240102, 20000000)) +
+         DynaPushRecord(3, At("cu2403", 18, 30, 0, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    EXPECT_STREQ(spi.depths[0].UpdateTime, "18:30:00");
+}
+
+TEST_F(DynainfoTest, LevelAdmitsPlainOrDeepIdsOfEachExchangeGroup) {
+    const int plain[] = {2000, 2001, 2100, 2101, 2200, 2201, 2300, 2301};
+    const int deep[] = {2010, 2011, 2110, 2111, 2210, 2211, 2310, 2311};
+    const int other[] = {-1, 0, 1999, 2002, 2009, 2012, 2099, 2102, 2399, 2400, 2401, 2410, 2411, 65535};
+    for (int level : {0, 1, 2}) {
+        api->m_nLevel = level;
+        for (int id : plain) EXPECT_EQ(level == 0, api->Level(id)) << id << " at level " << level;
+        for (int id : deep) EXPECT_EQ(level != 0, api->Level(id)) << id << " at level " << level;
+        for (int id : other) EXPECT_TRUE(api->Level(id)) << id << " at level " << level;
+    }
+}
+
+TEST_F(DynainfoTest, RebuiltMarketListIsLookedUpAfresh) {
+    // A row of market 2001 makes it the remembered market; a login answer
+    // whose list no longer holds it empties the market map, and the next
+    // row for 2001 finds no market.
+    api->m_bLog = true;
+    Clock(20240102, 93000000, 20240102, 93000000);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
+    ASSERT_EQ(spi.depths.size(), 1u);
+    ASSERT_NE(api->FindMarket(2001), nullptr);
+    std::string answer = LoginAnswerBody(1, 0, {2101});
+    api->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
+    EXPECT_EQ(api->FindMarket(2001), nullptr);
+    Dyna(DynaPushRecord(2, At("cu2403", 9, 30, 2, 0, 700300)));
+    EXPECT_EQ(spi.depths.size(), 1u);
+    EXPECT_NE(LogText().find("Can not find Family:cu2403"), std::string::npos);
+}
+
 TEST_F(DynainfoTest, NeverDatedInstrumentStartsFromTheMarketClock) {
     Clock(0, 0, 20240102, 93000000);
     Dyna(DynaPushRecord(1, At("cu2403", 9, 29, 0, 0, 700300)));
