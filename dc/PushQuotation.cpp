@@ -83,6 +83,30 @@ constexpr double F::*kAskPrice[5] = {&F::AskPrice1, &F::AskPrice2, &F::AskPrice3
 constexpr int F::*kAskVolume[5] = {&F::AskVolume1, &F::AskVolume2, &F::AskVolume3, &F::AskVolume4,
                                    &F::AskVolume5};
 
+// The delta record before a row is applied: zero bytes (padding included)
+// with every change-tracked field marked unchanged, DBL_MAX for doubles and
+// 0x7FFFFFFF for volumes. Built once; each delta record starts as a copy.
+const F& BlankDelta() {
+    static const F* const blank = [] {
+        static F record;   // static storage: zero-initialised, padding too
+        double* unchanged[] = {&record.LastPrice,       &record.PreSettlementPrice, &record.PreClosePrice,
+                               &record.PreOpenInterest, &record.OpenPrice,          &record.HighestPrice,
+                               &record.LowestPrice,     &record.Volume,             &record.Turnover,
+                               &record.OpenInterest,    &record.ClosePrice,         &record.SettlementPrice,
+                               &record.UpperLimitPrice, &record.LowerLimitPrice,    &record.PreDelta,
+                               &record.CurrDelta,       &record.AveragePrice};
+        for (double* p : unchanged) *p = DBL_MAX;
+        for (int k = 0; k < 5; ++k) {
+            record.*kBidPrice[k] = DBL_MAX;
+            record.*kAskPrice[k] = DBL_MAX;
+            record.*kBidVolume[k] = 0x7FFFFFFF;
+            record.*kAskVolume[k] = 0x7FFFFFFF;
+        }
+        return &record;
+    }();
+    return *blank;
+}
+
 void SetUpdateTime(CQxInstrument* inst, const char* row) {
     const uint32_t packed = Rd<uint32_t>(row + kPushTime);
     char* text = inst->depth.UpdateTime;
@@ -232,7 +256,7 @@ bool CDCThread::ProcessPushQuotationDelta(const char* row, int rowLength, CQxIns
     SetUpdateTime(inst, row);
 
     const F& d = inst->depth;
-    std::memset(out, 0, sizeof(*out));
+    CopyDepthRecord(out, &BlankDelta());
     std::memcpy(out->TradingDay, d.TradingDay, sizeof(out->TradingDay));
     std::memcpy(out->InstrumentID, d.InstrumentID, sizeof(out->InstrumentID));
     std::memcpy(out->ExchangeID, d.ExchangeID, sizeof(out->ExchangeID));
@@ -240,19 +264,6 @@ bool CDCThread::ProcessPushQuotationDelta(const char* row, int rowLength, CQxIns
     std::memcpy(out->UpdateTime, d.UpdateTime, sizeof(out->UpdateTime));
     out->UpdateMillisec = d.UpdateMillisec;
     std::memcpy(out->ActionDay, d.ActionDay, sizeof(out->ActionDay));
-    double* unchanged[] = {&out->LastPrice,       &out->PreSettlementPrice, &out->PreClosePrice,
-                           &out->PreOpenInterest, &out->OpenPrice,          &out->HighestPrice,
-                           &out->LowestPrice,     &out->Volume,             &out->Turnover,
-                           &out->OpenInterest,    &out->ClosePrice,         &out->SettlementPrice,
-                           &out->UpperLimitPrice, &out->LowerLimitPrice,    &out->PreDelta,
-                           &out->CurrDelta,       &out->AveragePrice};
-    for (double* p : unchanged) *p = DBL_MAX;
-    for (int k = 0; k < 5; ++k) {
-        out->*kBidPrice[k] = DBL_MAX;
-        out->*kAskPrice[k] = DBL_MAX;
-        out->*kBidVolume[k] = 0x7FFFFFFF;
-        out->*kAskVolume[k] = 0x7FFFFFFF;
-    }
 
     const bool any = ApplyRow<true>(row, rowLength, inst, out);
     PrintInt(inst->depth.ActionDay, sizeof(inst->depth.ActionDay), static_cast<int>(inst->quoteDate));
