@@ -60,7 +60,8 @@ fi
 # ---- report ----
 machine="$(uname -srm), $(grep -m1 'model name' /proc/cpuinfo | sed 's/^[^:]*: *//'), $(nproc) cores"
 commit="$(git -C "$root" rev-parse HEAD 2>/dev/null || echo unknown)"
-if [ "$commit" != unknown ] && ! git -C "$root" diff --quiet HEAD -- 2>/dev/null; then
+# The page itself does not count as a change to what was measured.
+if [ "$commit" != unknown ] && ! git -C "$root" diff --quiet HEAD -- . ':(exclude)docs/performance.md' 2>/dev/null; then
   commit="$commit (with uncommitted changes)"
 fi
 compiler="$(c++ --version | head -n1)"
