@@ -219,6 +219,23 @@ uint32_t Pack32(const Fields& f) {
     return Pack32(f.year, f.month, f.day, f.hour, f.minute, f.second);
 }
 
+// --- stepping, shared by both widths ----------------------------------------
+
+Fields Unpack(const CTime64& t) { return Unpack64(t); }
+Fields Unpack(const CTime32& t) { return Unpack32(t); }
+long PackAs(const CTime64&, const Fields& f) { return Pack64(f); }
+uint32_t PackAs(const CTime32&, const Fields& f) { return Pack32(f); }
+
+// The packed word of t after one step on its fields.
+template <class T, class Step>
+auto Stepped(const T& t, Step step) {
+    Fields f = Unpack(t);
+    step(f);
+    return PackAs(t, f);
+}
+
+bool WeekendDay(unsigned weekDay) { return weekDay == 0 || weekDay == 6; }
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -279,47 +296,28 @@ CTime64& CTime64::operator=(const CTime32& t) {
     return *this;
 }
 
-bool CTime64::IsWeekend() const {
-    const unsigned w = GetWeekDay();
-    return w == 0 || w == 6;
-}
+bool CTime64::IsWeekend() const { return WeekendDay(GetWeekDay()); }
 
 bool CTime64::IsValid() const { return ValidFields(Unpack64(*this)); }
 
-void CTime64::NextDay() {
-    Fields f = Unpack64(*this);
-    StepNextDay(f);
-    m_time = Pack64(f);
-}
+void CTime64::NextDay() { m_time = Stepped(*this, StepNextDay); }
 
-void CTime64::LastDay() {
-    Fields f = Unpack64(*this);
-    StepLastDay(f);
-    m_time = Pack64(f);
-}
+void CTime64::LastDay() { m_time = Stepped(*this, StepLastDay); }
 
 void CTime64::AddDay(int days) {
-    Fields f = Unpack64(*this);
-    AddDays(f, days);
-    m_time = Pack64(f);
+    m_time = Stepped(*this, [days](Fields& f) { AddDays(f, days); });
 }
 
 void CTime64::AddHour(int hours) {
-    Fields f = Unpack64(*this);
-    AddHours(f, hours);
-    m_time = Pack64(f);
+    m_time = Stepped(*this, [hours](Fields& f) { AddHours(f, hours); });
 }
 
 void CTime64::AddMinute(int minutes) {
-    Fields f = Unpack64(*this);
-    AddMinutes(f, minutes);
-    m_time = Pack64(f);
+    m_time = Stepped(*this, [minutes](Fields& f) { AddMinutes(f, minutes); });
 }
 
 void CTime64::AddSecond(int seconds) {
-    Fields f = Unpack64(*this);
-    AddSeconds(f, seconds);
-    m_time = Pack64(f);
+    m_time = Stepped(*this, [seconds](Fields& f) { AddSeconds(f, seconds); });
 }
 
 void CTime64::NextHour() { AddHour(1); }
@@ -361,47 +359,28 @@ CTime32& CTime32::operator=(const CTime64& t) {
     return *this;
 }
 
-bool CTime32::IsWeekend() const {
-    const unsigned w = GetWeekDay();
-    return w == 0 || w == 6;
-}
+bool CTime32::IsWeekend() const { return WeekendDay(GetWeekDay()); }
 
 bool CTime32::IsValid() const { return ValidFields(Unpack32(*this)); }
 
-void CTime32::NextDay() {
-    Fields f = Unpack32(*this);
-    StepNextDay(f);
-    m_time = Pack32(f);
-}
+void CTime32::NextDay() { m_time = Stepped(*this, StepNextDay); }
 
-void CTime32::LastDay() {
-    Fields f = Unpack32(*this);
-    StepLastDay(f);
-    m_time = Pack32(f);
-}
+void CTime32::LastDay() { m_time = Stepped(*this, StepLastDay); }
 
 void CTime32::AddDay(int days) {
-    Fields f = Unpack32(*this);
-    AddDays(f, days);
-    m_time = Pack32(f);
+    m_time = Stepped(*this, [days](Fields& f) { AddDays(f, days); });
 }
 
 void CTime32::AddHour(int hours) {
-    Fields f = Unpack32(*this);
-    AddHours(f, hours);
-    m_time = Pack32(f);
+    m_time = Stepped(*this, [hours](Fields& f) { AddHours(f, hours); });
 }
 
 void CTime32::AddMinute(int minutes) {
-    Fields f = Unpack32(*this);
-    AddMinutes(f, minutes);
-    m_time = Pack32(f);
+    m_time = Stepped(*this, [minutes](Fields& f) { AddMinutes(f, minutes); });
 }
 
 void CTime32::AddSecond(int seconds) {
-    Fields f = Unpack32(*this);
-    AddSeconds(f, seconds);
-    m_time = Pack32(f);
+    m_time = Stepped(*this, [seconds](Fields& f) { AddSeconds(f, seconds); });
 }
 
 void CTime32::NextHour() { AddHour(1); }
