@@ -234,9 +234,80 @@ auto Stepped(const T& t, Step step) {
     return PackAs(t, f);
 }
 
-bool WeekendDay(unsigned weekDay) { return weekDay == 0 || weekDay == 6; }
-
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// CTimeSteps
+
+template <class T>
+void CTimeSteps<T>::NextDay() {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, StepNextDay);
+}
+
+template <class T>
+void CTimeSteps<T>::LastDay() {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, StepLastDay);
+}
+
+template <class T>
+void CTimeSteps<T>::AddDay(int days) {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, [days](Fields& f) { AddDays(f, days); });
+}
+
+template <class T>
+void CTimeSteps<T>::AddHour(int hours) {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, [hours](Fields& f) { AddHours(f, hours); });
+}
+
+template <class T>
+void CTimeSteps<T>::AddMinute(int minutes) {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, [minutes](Fields& f) { AddMinutes(f, minutes); });
+}
+
+template <class T>
+void CTimeSteps<T>::AddSecond(int seconds) {
+    T& t = static_cast<T&>(*this);
+    t = Stepped(t, [seconds](Fields& f) { AddSeconds(f, seconds); });
+}
+
+template <class T>
+void CTimeSteps<T>::NextHour() {
+    AddHour(1);
+}
+template <class T>
+void CTimeSteps<T>::LastHour() {
+    AddHour(-1);
+}
+template <class T>
+void CTimeSteps<T>::NextMinute() {
+    AddMinute(1);
+}
+template <class T>
+void CTimeSteps<T>::LastMinute() {
+    AddMinute(-1);
+}
+template <class T>
+void CTimeSteps<T>::NextSecond() {
+    AddSecond(1);
+}
+template <class T>
+void CTimeSteps<T>::LastSecond() {
+    AddSecond(-1);
+}
+
+template <class T>
+bool CTimeSteps<T>::IsWeekend() const {
+    const unsigned w = static_cast<const T&>(*this).GetWeekDay();
+    return w == 0 || w == 6;
+}
+
+template class CTimeSteps<CTime32>;
+template class CTimeSteps<CTime64>;
 
 // ---------------------------------------------------------------------------
 // CTimeBase
@@ -296,36 +367,7 @@ CTime64& CTime64::operator=(const CTime32& t) {
     return *this;
 }
 
-bool CTime64::IsWeekend() const { return WeekendDay(GetWeekDay()); }
-
 bool CTime64::IsValid() const { return ValidFields(Unpack64(*this)); }
-
-void CTime64::NextDay() { m_time = Stepped(*this, StepNextDay); }
-
-void CTime64::LastDay() { m_time = Stepped(*this, StepLastDay); }
-
-void CTime64::AddDay(int days) {
-    m_time = Stepped(*this, [days](Fields& f) { AddDays(f, days); });
-}
-
-void CTime64::AddHour(int hours) {
-    m_time = Stepped(*this, [hours](Fields& f) { AddHours(f, hours); });
-}
-
-void CTime64::AddMinute(int minutes) {
-    m_time = Stepped(*this, [minutes](Fields& f) { AddMinutes(f, minutes); });
-}
-
-void CTime64::AddSecond(int seconds) {
-    m_time = Stepped(*this, [seconds](Fields& f) { AddSeconds(f, seconds); });
-}
-
-void CTime64::NextHour() { AddHour(1); }
-void CTime64::LastHour() { AddHour(-1); }
-void CTime64::NextMinute() { AddMinute(1); }
-void CTime64::LastMinute() { AddMinute(-1); }
-void CTime64::NextSecond() { AddSecond(1); }
-void CTime64::LastSecond() { AddSecond(-1); }
 
 int64_t CTime64::GetSpanSeconds(const CTime64& other) const {
     const Fields a = Unpack64(*this);
@@ -359,36 +401,7 @@ CTime32& CTime32::operator=(const CTime64& t) {
     return *this;
 }
 
-bool CTime32::IsWeekend() const { return WeekendDay(GetWeekDay()); }
-
 bool CTime32::IsValid() const { return ValidFields(Unpack32(*this)); }
-
-void CTime32::NextDay() { m_time = Stepped(*this, StepNextDay); }
-
-void CTime32::LastDay() { m_time = Stepped(*this, StepLastDay); }
-
-void CTime32::AddDay(int days) {
-    m_time = Stepped(*this, [days](Fields& f) { AddDays(f, days); });
-}
-
-void CTime32::AddHour(int hours) {
-    m_time = Stepped(*this, [hours](Fields& f) { AddHours(f, hours); });
-}
-
-void CTime32::AddMinute(int minutes) {
-    m_time = Stepped(*this, [minutes](Fields& f) { AddMinutes(f, minutes); });
-}
-
-void CTime32::AddSecond(int seconds) {
-    m_time = Stepped(*this, [seconds](Fields& f) { AddSeconds(f, seconds); });
-}
-
-void CTime32::NextHour() { AddHour(1); }
-void CTime32::LastHour() { AddHour(-1); }
-void CTime32::NextMinute() { AddMinute(1); }
-void CTime32::LastMinute() { AddMinute(-1); }
-void CTime32::NextSecond() { AddSecond(1); }
-void CTime32::LastSecond() { AddSecond(-1); }
 
 int64_t CTime32::GetSpanSeconds(const CTime32& other) const {
     const Fields a = Unpack32(*this);

@@ -50,7 +50,31 @@ public:
     static unsigned WeekDay(unsigned year, unsigned month, unsigned day);
 };
 
+// Steppers shared by both widths: each moves the value's fields by the
+// calendar and packs them again; a year stepped beyond the field's width
+// wraps. T is the packed value class itself.
+template <class T>
+class CTimeSteps : public CTimeBase {
+public:
+    void NextDay();
+    void LastDay();
+    void NextHour();
+    void LastHour();
+    void NextMinute();
+    void LastMinute();
+    void NextSecond();
+    void LastSecond();
+    void AddDay(int days);
+    void AddHour(int hours);
+    void AddMinute(int minutes);
+    void AddSecond(int seconds);
+    bool IsWeekend() const;
+};
+
 class CTime64;
+class CTime32;
+extern template class CTimeSteps<CTime32>;
+extern template class CTimeSteps<CTime64>;
 
 // 32-bit packed date and time, seconds resolution:
 //
@@ -60,7 +84,7 @@ class CTime64;
 //   bits 17-21  day           1-31
 //   bits 22-25  month         1-12
 //   bits 26-31  year - 2000   (2000-2063)
-class CTime32 : public CTimeBase {
+class CTime32 : public CTimeSteps<CTime32> {
 public:
     static constexpr unsigned kBaseYear = 2000;
 
@@ -88,7 +112,6 @@ public:
     unsigned GetMinute() const { return (m_time >> 6) & 0x3F; }
     unsigned GetSecond() const { return m_time & 0x3F; }
     unsigned GetWeekDay() const { return WeekDay(GetYear(), GetMonth(), GetDay()); }
-    bool IsWeekend() const;
     bool IsLeapYear() const { return IsLeap(GetYear()); }
     bool IsValid() const;
 
@@ -99,19 +122,6 @@ public:
     bool operator==(const CTime32& o) const { return m_time == o.m_time; }
     bool operator!=(const CTime32& o) const { return m_time != o.m_time; }
 
-    void NextDay();
-    void LastDay();
-    void NextHour();
-    void LastHour();
-    void NextMinute();
-    void LastMinute();
-    void NextSecond();
-    void LastSecond();
-    void AddDay(int days);
-    void AddHour(int hours);
-    void AddMinute(int minutes);
-    void AddSecond(int seconds);
-
     // Exact seconds from other to this value (positive when this is later).
     int64_t GetSpanSeconds(const CTime32& other) const;
 
@@ -119,7 +129,7 @@ private:
     uint32_t m_time;
 };
 
-class CTime64 : public CTimeBase {
+class CTime64 : public CTimeSteps<CTime64> {
 public:
     CTime64() : m_time(0) {}
     CTime64(const long& packed) : m_time(packed) {}
@@ -149,7 +159,6 @@ public:
     unsigned GetSecond() const { return static_cast<unsigned>(Word() >> 26) & 0x3F; }
     unsigned GetMilliseconds() const { return static_cast<unsigned>(Word() >> 16) & 0x3FF; }
     unsigned GetWeekDay() const { return WeekDay(GetYear(), GetMonth(), GetDay()); }
-    bool IsWeekend() const;
     bool IsLeapYear() const { return IsLeap(GetYear()); }
     bool IsValid() const;
 
@@ -160,19 +169,6 @@ public:
     bool operator>=(const CTime64& o) const { return m_time >= o.m_time; }
     bool operator==(const CTime64& o) const { return m_time == o.m_time; }
     bool operator!=(const CTime64& o) const { return m_time != o.m_time; }
-
-    void NextDay();
-    void LastDay();
-    void NextHour();
-    void LastHour();
-    void NextMinute();
-    void LastMinute();
-    void NextSecond();
-    void LastSecond();
-    void AddDay(int days);
-    void AddHour(int hours);
-    void AddMinute(int minutes);
-    void AddSecond(int seconds);
 
     // Seconds from other to this value, milliseconds ignored; positive when
     // this value is later by the packed-word order.
