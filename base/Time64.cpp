@@ -103,28 +103,27 @@ void AddDays(Fields& f, int64_t n) {
     }
 }
 
-void AddHours(Fields& f, int64_t n) {
+// Adds n to a field that holds `base` units of the next one, and carries
+// the whole units over to it.
+template <class Carry>
+void AddCarried(int& field, int64_t n, int64_t base, Carry carry) {
     if (n == 0) return;
-    const int64_t total = f.hour + n;
-    const int64_t days = FloorDiv(total, 24);
-    f.hour = static_cast<int>(total - days * 24);
-    AddDays(f, days);
+    const int64_t total = field + n;
+    const int64_t over = FloorDiv(total, base);
+    field = static_cast<int>(total - over * base);
+    carry(over);
+}
+
+void AddHours(Fields& f, int64_t n) {
+    AddCarried(f.hour, n, 24, [&f](int64_t days) { AddDays(f, days); });
 }
 
 void AddMinutes(Fields& f, int64_t n) {
-    if (n == 0) return;
-    const int64_t total = f.minute + n;
-    const int64_t hours = FloorDiv(total, 60);
-    f.minute = static_cast<int>(total - hours * 60);
-    AddHours(f, hours);
+    AddCarried(f.minute, n, 60, [&f](int64_t hours) { AddHours(f, hours); });
 }
 
 void AddSeconds(Fields& f, int64_t n) {
-    if (n == 0) return;
-    const int64_t total = f.second + n;
-    const int64_t minutes = FloorDiv(total, 60);
-    f.second = static_cast<int>(total - minutes * 60);
-    AddMinutes(f, minutes);
+    AddCarried(f.second, n, 60, [&f](int64_t minutes) { AddMinutes(f, minutes); });
 }
 
 bool ValidFields(const Fields& f) {
@@ -239,66 +238,25 @@ auto Stepped(const T& t, Step step) {
 // ---------------------------------------------------------------------------
 // CTimeSteps
 
-template <class T>
-void CTimeSteps<T>::NextDay() {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, StepNextDay);
+// Replaces the value with its fields after op.
+template <class T, class Op>
+void Restep(CTimeSteps<T>& self, Op op) {
+    T& t = static_cast<T&>(self);
+    t = Stepped(t, op);
 }
 
 template <class T>
-void CTimeSteps<T>::LastDay() {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, StepLastDay);
-}
-
+void CTimeSteps<T>::NextDay() { Restep(*this, StepNextDay); }
 template <class T>
-void CTimeSteps<T>::AddDay(int days) {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, [days](Fields& f) { AddDays(f, days); });
-}
-
+void CTimeSteps<T>::LastDay() { Restep(*this, StepLastDay); }
 template <class T>
-void CTimeSteps<T>::AddHour(int hours) {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, [hours](Fields& f) { AddHours(f, hours); });
-}
-
+void CTimeSteps<T>::AddDay(int n) { Restep(*this, [n](Fields& f) { AddDays(f, n); }); }
 template <class T>
-void CTimeSteps<T>::AddMinute(int minutes) {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, [minutes](Fields& f) { AddMinutes(f, minutes); });
-}
-
+void CTimeSteps<T>::AddHour(int n) { Restep(*this, [n](Fields& f) { AddHours(f, n); }); }
 template <class T>
-void CTimeSteps<T>::AddSecond(int seconds) {
-    T& t = static_cast<T&>(*this);
-    t = Stepped(t, [seconds](Fields& f) { AddSeconds(f, seconds); });
-}
-
+void CTimeSteps<T>::AddMinute(int n) { Restep(*this, [n](Fields& f) { AddMinutes(f, n); }); }
 template <class T>
-void CTimeSteps<T>::NextHour() {
-    AddHour(1);
-}
-template <class T>
-void CTimeSteps<T>::LastHour() {
-    AddHour(-1);
-}
-template <class T>
-void CTimeSteps<T>::NextMinute() {
-    AddMinute(1);
-}
-template <class T>
-void CTimeSteps<T>::LastMinute() {
-    AddMinute(-1);
-}
-template <class T>
-void CTimeSteps<T>::NextSecond() {
-    AddSecond(1);
-}
-template <class T>
-void CTimeSteps<T>::LastSecond() {
-    AddSecond(-1);
-}
+void CTimeSteps<T>::AddSecond(int n) { Restep(*this, [n](Fields& f) { AddSeconds(f, n); }); }
 
 template <class T>
 bool CTimeSteps<T>::IsWeekend() const {

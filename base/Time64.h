@@ -58,12 +58,12 @@ class CTimeSteps : public CTimeBase {
 public:
     void NextDay();
     void LastDay();
-    void NextHour();
-    void LastHour();
-    void NextMinute();
-    void LastMinute();
-    void NextSecond();
-    void LastSecond();
+    void NextHour() { AddHour(1); }
+    void LastHour() { AddHour(-1); }
+    void NextMinute() { AddMinute(1); }
+    void LastMinute() { AddMinute(-1); }
+    void NextSecond() { AddSecond(1); }
+    void LastSecond() { AddSecond(-1); }
     void AddDay(int days);
     void AddHour(int hours);
     void AddMinute(int minutes);
