@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <set>
+#include <tuple>
 
 #include "Catalog.h"
 #include "Market.h"
@@ -99,43 +100,36 @@ TEST(Catalog, BusinessDays) {
     EXPECT_EQ(2, Weekday(20241203));
 }
 
-TEST(Market, StartsWithFourMarketsAndConsistentQuotes) {
-    MarketConfig config;
-    config.instruments = 250;
-    Market market(config, Morning());
-    ASSERT_EQ(4u, market.Markets().size());
-    EXPECT_EQ(2001, market.Markets()[0].id);
-    EXPECT_EQ(2101, market.Markets()[1].id);
-    EXPECT_EQ(2201, market.Markets()[2].id);
-    EXPECT_EQ(2301, market.Markets()[3].id);
-    EXPECT_EQ(20241203u, market.Markets()[0].tradingDay);
-    EXPECT_EQ(250u, market.Instruments().size());
-    size_t listed = 0;
-    for (const MarketInfo& m : market.Markets()) listed += m.instruments.size();
-    EXPECT_EQ(250u, listed);
-    for (const Instrument& inst : market.Instruments()) {
-        ExpectConsistent(inst);
-        EXPECT_EQ(20241203u, inst.quote.date);
-        EXPECT_GT(inst.quote.volume, 0);
-        EXPECT_GT(inst.quote.turnover, 0);
-        EXPECT_FALSE(inst.name.empty());
+TEST(Market, StartsWithFourMarketsOfThePlainOrTheDeepFeedAndConsistentQuotes) {
+    for (bool deep : {false, true}) {
+        SCOPED_TRACE(deep ? "deep feed" : "plain feed");
+        MarketConfig config;
+        config.instruments = 250;
+        config.deepFeed = deep;
+        Market market(config, Morning());
+        std::vector<int> ids;
+        for (const MarketInfo& m : market.Markets()) ids.push_back(m.id);
+        EXPECT_EQ((deep ? std::vector<int>{2011, 2111, 2211, 2311} : std::vector<int>{2001, 2101, 2201, 2301}), ids);
+        ASSERT_EQ(4u, ids.size());
+        EXPECT_EQ(20241203u, market.Markets()[0].tradingDay);
+        EXPECT_EQ(250u, market.Instruments().size());
+        size_t listed = 0;
+        for (const MarketInfo& m : market.Markets()) listed += m.instruments.size();
+        EXPECT_EQ(250u, listed);
+        for (const Instrument& inst : market.Instruments()) {
+            ExpectConsistent(inst);
+            EXPECT_EQ(20241203u, inst.quote.date);
+            EXPECT_GT(inst.quote.volume, 0);
+            EXPECT_GT(inst.quote.turnover, 0);
+            EXPECT_FALSE(inst.name.empty());
+        }
+        const int cu = market.FindInstrument("cu2501"), t = market.FindInstrument("T2503");
+        ASSERT_GE(cu, 0);
+        ASSERT_GE(t, 0);
+        EXPECT_EQ(5, market.Instruments()[cu].multiple);
+        EXPECT_EQ(market.Markets()[0].id, market.Instruments()[cu].marketId);
+        EXPECT_EQ(1000, market.Instruments()[t].divisor);
     }
-    const int cu = market.FindInstrument("cu2501");
-    ASSERT_GE(cu, 0);
-    EXPECT_EQ(5, market.Instruments()[cu].multiple);
-    EXPECT_EQ(2001, market.Instruments()[cu].marketId);
-    const int t = market.FindInstrument("T2503");
-    ASSERT_GE(t, 0);
-    EXPECT_EQ(1000, market.Instruments()[t].divisor);
-}
-
-TEST(Market, DeepFeedServesTheOtherMarketIds) {
-    MarketConfig config;
-    config.instruments = 20;
-    config.deepFeed = true;
-    Market market(config, Morning());
-    EXPECT_EQ(2011, market.Markets()[0].id);
-    EXPECT_EQ(2311, market.Markets()[3].id);
 }
 
 TEST(Market, CountersOnlyGrowAndTheBookStaysConsistent) {
@@ -202,13 +196,11 @@ TEST(Market, ClosesRollsToTheNextTradingDayAndReopens) {
     bool rolled = false;
     for (const MarketEvent& ev : e) rolled = rolled || (ev.type == MarketEvent::kStatus && ev.newTradingDay);
     EXPECT_TRUE(rolled);
+    // Yesterday's settlement, close and open interest; nothing traded yet.
     for (size_t i = 0; i < market.Instruments().size(); ++i) {
         const QuoteState& q = market.Instruments()[i].quote;
-        EXPECT_EQ(closing[i].settlement, q.preSettlement);
-        EXPECT_EQ(closing[i].close, q.preClose);
-        EXPECT_EQ(closing[i].openInterest, q.preOpenInterest);
-        EXPECT_EQ(0, q.volume);
-        EXPECT_EQ(0, q.open);
+        EXPECT_EQ(std::make_tuple(closing[i].settlement, closing[i].close, closing[i].openInterest, 0.0, 0),
+                  std::make_tuple(q.preSettlement, q.preClose, q.preOpenInterest, q.volume, q.open)) << i;
     }
     market.Step(start + 7000);
     EXPECT_EQ(kStatusTrading, market.Markets()[0].status);
@@ -247,15 +239,13 @@ TEST(MarketRecord, ReplayReproducesTheRecordedMarket) {
     EXPECT_TRUE(replay.Finished());
     EXPECT_EQ(market.Rolls(), copy.Rolls());
     for (size_t i = 0; i < market.Instruments().size(); ++i) {
+        // Code, name, last, volume, turnover, first bid volume, time.
         const Instrument& a = market.Instruments()[i];
         const Instrument& b = copy.Instruments()[i];
-        EXPECT_EQ(a.code, b.code);
-        EXPECT_EQ(a.name, b.name);
-        EXPECT_EQ(a.quote.last, b.quote.last);
-        EXPECT_EQ(a.quote.volume, b.quote.volume);
-        EXPECT_EQ(a.quote.turnover, b.quote.turnover);
-        EXPECT_EQ(a.quote.bid[0].volume, b.quote.bid[0].volume);
-        EXPECT_EQ(a.quote.time, b.quote.time);
+        EXPECT_EQ(std::tie(a.code, a.name, a.quote.last, a.quote.volume, a.quote.turnover, a.quote.bid[0].volume,
+                           a.quote.time),
+                  std::tie(b.code, b.name, b.quote.last, b.quote.volume, b.quote.turnover, b.quote.bid[0].volume,
+                           b.quote.time)) << i;
     }
     EXPECT_EQ(market.Markets()[0].tradingDay, copy.Markets()[0].tradingDay);
     std::remove(path);

@@ -38,6 +38,14 @@ T Rd(const std::string& s, size_t offset) {
     return v;
 }
 
+// Values of one width at several offsets.
+template <class T>
+std::vector<T> Rds(const std::string& s, std::initializer_list<size_t> offsets) {
+    std::vector<T> out;
+    for (size_t offset : offsets) out.push_back(Rd<T>(s, offset));
+    return out;
+}
+
 std::string LoginBody(uint16_t handle, const std::string& user, const std::string& password) {
     std::string body(256, '\0');
     std::memcpy(&body[0], &handle, 2);
@@ -84,58 +92,50 @@ protected:
     }
 
     Market market;
+    QuoteSession s{market, QuoteOptions()};   // a session with the default options
 };
 
 }  // namespace
 
 TEST_F(QuoteSessionTest, SecondFormLoginAnswerCarriesTheAccessList) {
-    QuoteSession s(market, QuoteOptions());
     std::vector<DcFrame> f = Exchange(s, 83, LoginBody(7, "trader", "secret"));
     ASSERT_EQ(1u, f.size());
     EXPECT_EQ(83, f[0].command);
     const std::string& b = f[0].body;
     ASSERT_EQ(512u + 4 + 4 * 6, b.size());
-    EXPECT_EQ(7, Rd<uint16_t>(b, 0));
-    EXPECT_EQ(0, Rd<uint16_t>(b, 2));
-    EXPECT_EQ(1u, Rd<uint32_t>(b, 268));
-    EXPECT_EQ(4u, Rd<uint32_t>(b, 512));
-    EXPECT_EQ(2001, Rd<uint16_t>(b, 516));
-    EXPECT_EQ(-1, Rd<int32_t>(b, 518));
-    EXPECT_EQ(2301, Rd<uint16_t>(b, 516 + 18));
+    // Handle, code, the first and the last market of the list; flags, count.
+    EXPECT_EQ(Rds<uint16_t>(b, {0, 2, 516, 516 + 18}), (std::vector<uint16_t>{7, 0, 2001, 2301}));
+    EXPECT_EQ(Rds<uint32_t>(b, {268, 512}), (std::vector<uint32_t>{1, 4}));
+    EXPECT_EQ(-1, Rd<int32_t>(b, 518));   // all groups of the first
     EXPECT_EQ("trader", s.User());
 }
 
 TEST_F(QuoteSessionTest, FirstFormLoginAnswerListsTheMarkets) {
     QuoteOptions options;
     options.loginForm = 1;
-    QuoteSession s(market, options);
-    std::vector<DcFrame> f = Exchange(s, 83, LoginBody(3, "trader", "x"));
+    QuoteSession first(market, options);
+    std::vector<DcFrame> f = Exchange(first, 83, LoginBody(3, "trader", "x"));
     ASSERT_EQ(1u, f.size());
     EXPECT_EQ(82, f[0].command);
     ASSERT_EQ(492u, f[0].body.size());
-    EXPECT_EQ(3, Rd<uint16_t>(f[0].body, 0));
-    EXPECT_EQ(2001, Rd<uint16_t>(f[0].body, 12));
-    EXPECT_EQ(2101, Rd<uint16_t>(f[0].body, 14));
-    EXPECT_EQ(2201, Rd<uint16_t>(f[0].body, 16));
-    EXPECT_EQ(2301, Rd<uint16_t>(f[0].body, 18));
-    EXPECT_EQ(0, Rd<uint16_t>(f[0].body, 20));
+    // Handle, then the markets and an empty slot.
+    EXPECT_EQ(Rds<uint16_t>(f[0].body, {0, 12, 14, 16, 18, 20}), (std::vector<uint16_t>{3, 2001, 2101, 2201, 2301, 0}));
 }
 
 TEST_F(QuoteSessionTest, WrongPasswordIsRefusedWithCode9AndNothingElseIsAnswered) {
     QuoteOptions options;
     options.user = "trader";
     options.password = "right";
-    QuoteSession s(market, options);
-    std::vector<DcFrame> f = Exchange(s, 83, LoginBody(1, "trader", "wrong"));
+    QuoteSession guarded(market, options);
+    std::vector<DcFrame> f = Exchange(guarded, 83, LoginBody(1, "trader", "wrong"));
     ASSERT_EQ(1u, f.size());
     EXPECT_EQ(9, Rd<uint16_t>(f[0].body, 2));
     EXPECT_EQ(0u, Rd<uint32_t>(f[0].body, 268));
-    EXPECT_FALSE(s.LoggedIn());
-    EXPECT_TRUE(Exchange(s, 2, MarketRequest(0, 4)).empty());
+    EXPECT_FALSE(guarded.LoggedIn());
+    EXPECT_TRUE(Exchange(guarded, 2, MarketRequest(0, 4)).empty());
 }
 
 TEST_F(QuoteSessionTest, MarketStatusComesInPacketsThatAddUp) {
-    QuoteSession s(market, QuoteOptions());
     Login(s);
     std::vector<DcFrame> f = Exchange(s, 2, MarketRequest(0, 4));
     ASSERT_EQ(2u, f.size());
@@ -151,13 +151,11 @@ TEST_F(QuoteSessionTest, MarketStatusComesInPacketsThatAddUp) {
             EXPECT_EQ(kStatusTrading, Rd<uint8_t>(p.body, 8 + 16 * r + 6));
         }
     }
-    EXPECT_EQ(0, Rd<uint16_t>(f[0].body, 6));
-    EXPECT_EQ(2, Rd<uint16_t>(f[1].body, 6));
+    EXPECT_EQ(std::make_pair(0, 2), std::make_pair(int{Rd<uint16_t>(f[0].body, 6)}, int{Rd<uint16_t>(f[1].body, 6)}));
     EXPECT_EQ((std::set<uint16_t>{2001, 2101, 2201, 2301}), ids);
 }
 
 TEST_F(QuoteSessionTest, NameTablesAndSnapshotsCoverEveryInstrument) {
-    QuoteSession s(market, QuoteOptions());
     Login(s);
     std::map<uint16_t, std::set<std::string>> names;
     std::vector<DcFrame> f = Exchange(s, 1, MarketRequest(0, 14));
@@ -202,7 +200,6 @@ TEST_F(QuoteSessionTest, NameTablesAndSnapshotsCoverEveryInstrument) {
 }
 
 TEST_F(QuoteSessionTest, PushesStartAfterTheSubscriptionFirstInFullThenChanges) {
-    QuoteSession s(market, QuoteOptions());
     Login(s);
     s.OnMarketEvents(market.Step(Morning() + 100));
     EXPECT_TRUE(s.TakeOutput().empty());   // not subscribed yet
@@ -241,7 +238,6 @@ TEST_F(QuoteSessionTest, PushesStartAfterTheSubscriptionFirstInFullThenChanges) 
 }
 
 TEST_F(QuoteSessionTest, ANameTableOfOneMarketIsFollowedByItsQuotesInFull) {
-    QuoteSession s(market, QuoteOptions());
     Login(s);
     Exchange(s, 100, std::string(4, '\xff'));
     Exchange(s, 3, MarketRequest(0, 6));
@@ -264,7 +260,6 @@ TEST_F(QuoteSessionTest, ANameTableOfOneMarketIsFollowedByItsQuotesInFull) {
 }
 
 TEST_F(QuoteSessionTest, BrokenFramingClosesTheSession) {
-    QuoteSession s(market, QuoteOptions());
     const char junk[] = "#\x02\x00\x00";
     s.OnReceive(junk, 4);
     EXPECT_TRUE(s.WantsClose());
@@ -312,14 +307,19 @@ std::vector<char> MarketListBody(const std::vector<std::string>& codes) {
     return body;
 }
 
+// The contract files of a market of that many instruments.
+ContractStore Store(int instruments) {
+    MarketConfig config;
+    config.instruments = instruments;
+    ContractStore store;
+    store.Build(Market(config, Morning()), Morning());
+    return store;
+}
+
 }  // namespace
 
 TEST(FileSessionTest, ListsAndSendsTheContractFilesWithTheirDigest) {
-    MarketConfig config;
-    config.instruments = 200;
-    Market market(config, Morning());
-    ContractStore store;
-    store.Build(market, Morning());
+    const ContractStore store = Store(200);
     ASSERT_EQ(4u, store.Files().size());
     EXPECT_EQ("shfe_base_20241203.json", store.Files()[0].name);
 
@@ -376,11 +376,7 @@ TEST(FileSessionTest, ListsAndSendsTheContractFilesWithTheirDigest) {
 }
 
 TEST(FileSessionTest, PagesTheListAndRefusesAWrongUser) {
-    MarketConfig config;
-    config.instruments = 40;
-    Market market(config, Morning());
-    ContractStore store;
-    store.Build(market, Morning());
+    const ContractStore store = Store(40);
     FileOptions options;
     options.pageSize = 1;
     options.user = "trader";

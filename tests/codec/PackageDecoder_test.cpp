@@ -228,23 +228,22 @@ TEST_F(Decoder, FlatRecordAndResetMarks) {
     }
     EXPECT_EQ(pos, b.size());  // the cut text was skipped whole
     auto at = [&](int item) { return &rec[t->items[item].field.offset]; };
-    int32_t i32;
-    std::memcpy(&i32, at(2), 4);
-    EXPECT_EQ(i32, -123456);
+    auto i32At = [&](int item) {
+        int32_t v;
+        std::memcpy(&v, at(item), 4);
+        return v;
+    };
+    EXPECT_EQ(i32At(2), -123456);
     EXPECT_EQ(std::string(at(5), 5), std::string("hell\0", 5));
     EXPECT_EQ(std::string(at(6), 9), std::string("A\0\0\0\0\0\0\0\0", 9));
-    std::memcpy(&i32, at(7), 4);
-    EXPECT_EQ(i32, 98765);     // raw int in the first bytes of the price slot
-    EXPECT_EQ(at(7)[4], 'x');  // converted by the handler
+    EXPECT_EQ(i32At(7), 98765);  // raw int in the first bytes of the price slot
+    EXPECT_EQ(at(7)[4], 'x');    // converted by the handler
 
     std::fill(rec.begin(), rec.end(), 'x');
     for (const CQxDataItem& it : t->items) ResetFieldData(&rec[it.field.offset], &it.field);
-    std::memcpy(&i32, at(2), 4);
-    EXPECT_EQ(i32, 2147483647);
-    const unsigned char maxDouble[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xEF, 0x7F};
-    EXPECT_EQ(std::memcmp(at(4), maxDouble, 8), 0);
-    std::memcpy(&i32, at(7), 4);
-    EXPECT_EQ(i32, 2147483647);
+    EXPECT_EQ(i32At(2), 2147483647);
+    EXPECT_EQ(std::string(at(4), 8), "\xFF\xFF\xFF\xFF\xFF\xFF\xEF\x7F");  // the largest double
+    EXPECT_EQ(i32At(7), 2147483647);
     EXPECT_EQ(std::string(at(1), 2), std::string(2, '\0'));
     EXPECT_EQ(std::count(rec.begin(), rec.end(), 'x'), 0);
 

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "dc/DCThread.h"
 #include "support/FakeQuoteServer.h"
@@ -29,8 +31,7 @@ std::string LoginAnswer1(uint16_t handle, uint16_t code, const std::string& mess
 }
 
 COrvexWiraReqUserLoginField MakeLogin() {
-    COrvexWiraReqUserLoginField req;
-    std::memset(&req, 0, sizeof(req));
+    COrvexWiraReqUserLoginField req{};
     std::strcpy(req.BrokerID, "9999");
     std::strcpy(req.UserID, "trader01");
     std::strcpy(req.Password, "pa55word");
@@ -44,19 +45,27 @@ protected:
         if (api) api->Release();
         api = nullptr;
     }
-    void Start(std::initializer_list<std::string> fronts = {}) {
+    void Start(std::vector<std::string> fronts = {}) {
         api = new CDCThread("flow", true);
         api->RegisterSpi(&spi);
-        if (fronts.size() == 0) {
-            std::string f = server.FrontAddress();
-            api->RegisterFront(&f[0]);
-        }
-        for (std::string f : fronts) api->RegisterFront(&f[0]);
+        if (fronts.empty()) fronts.push_back(server.FrontAddress());
+        for (std::string& f : fronts) api->RegisterFront(&f[0]);
         api->Init();
     }
-    void Login() {
+    // Starts on the fake server, waits for the link, sends the login and
+    // waits for its frame.
+    void StartAndLogin(DcFrame* sent) {
+        Start();
+        ASSERT_TRUE(spi.WaitFor("linked"));
         COrvexWiraReqUserLoginField req = MakeLogin();
         ASSERT_EQ(0, api->ReqUserLogin(&req, 42));
+        ASSERT_TRUE(server.WaitForFrame(83, sent));
+    }
+    // Lets the 10 s retry delay pass and waits for the n-th connection.
+    void Reconnect(int n) {
+        FakeClock::AdvanceMs(10000);
+        ASSERT_TRUE(spi.WaitFor("linked", n));
+        ASSERT_TRUE(server.WaitForAccepted(n));
     }
 
     ScopedTempDir dir;
@@ -67,26 +76,16 @@ protected:
 };
 
 TEST_F(DCConnection, LinkedAfterInitAndLoginFrameIsByteExact) {
-    Start();
-    ASSERT_TRUE(spi.WaitFor("linked"));
-    Login();
     DcFrame f;
-    ASSERT_TRUE(server.WaitForFrame(83, &f));
+    ASSERT_NO_FATAL_FAILURE(StartAndLogin(&f));
     EXPECT_FALSE(f.compressed);
     // No access file: all markets, so no list follows the 256 bytes.
-    ASSERT_EQ(256u, f.body.size());
     std::string expect(256, '\0');
-    uint16_t handle = 1, two = 2;
-    uint32_t one = 1;
-    std::memcpy(&expect[0], &handle, 2);
-    std::memcpy(&expect[2], "trader01", 8);
-    std::memcpy(&expect[34], "pa55word", 8);
-    std::memcpy(&expect[66], &two, 2);
-    expect[80] = 1;
-    std::memcpy(&expect[81], "1.2.0", 5);
-    expect[97] = 1;
-    std::memcpy(&expect[98], "TAPI", 4);
-    std::memcpy(&expect[106], &one, 4);
+    // Handle 1, user, password, u16 2, then 1 "1.2.0", 1 "TAPI" and u32 1.
+    const std::pair<size_t, std::string> parts[] = {{0, {"\x01\x00", 2}}, {2, "trader01"},    {34, "pa55word"},
+                                                    {66, {"\x02\x00", 2}}, {80, "\x01" "1.2.0"}, {97, "\x01TAPI"},
+                                                    {106, {"\x01\x00\x00\x00", 4}}};
+    for (const auto& [offset, bytes] : parts) expect.replace(offset, bytes.size(), bytes);
     EXPECT_EQ(expect, f.body);
 
     // A second login on the same connection sends nothing.
@@ -100,68 +99,45 @@ TEST_F(DCConnection, LoginCarriesTheAccessListFromTheAccessFile) {
     ScopedTempDir::Write("qxmktaccess.xml",
                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<qxmkts>\n"
                          "  <qxmkt family=\"2001\" groups=\"3\"/>\n  <qxmkt family=\"2101\"/>\n</qxmkts>\n");
-    Start();
-    ASSERT_TRUE(spi.WaitFor("linked"));
-    Login();
     DcFrame f;
-    ASSERT_TRUE(server.WaitForFrame(83, &f));
+    ASSERT_NO_FATAL_FAILURE(StartAndLogin(&f));
     ASSERT_EQ(256u + 4 + 12, f.body.size());
-    uint32_t count;
-    std::memcpy(&count, &f.body[256], 4);
-    EXPECT_EQ(2u, count);
-    const unsigned char entries[12] = {0xD1, 0x07, 3, 0, 0, 0, 0x35, 0x08, 0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(0, std::memcmp(&f.body[260], entries, 12));
+    // Count 2, then 2001 with groups 3 and 2101 with all groups.
+    EXPECT_EQ(std::string("\x02\0\0\0" "\xD1\x07\x03\0\0\0" "\x35\x08\xFF\xFF\xFF\xFF", 16), f.body.substr(256));
 }
 
 struct LoginErrorCase {
     uint16_t code;
     int reason;
+    bool retry;   // also follow the single front's retry round (needs a wait)
 };
 
 class DCLoginError : public DCConnection, public ::testing::WithParamInterface<LoginErrorCase> {};
 
-TEST_P(DCLoginError, AnswerThenLostWithTheCodesReason) {
-    Start();
-    ASSERT_TRUE(spi.WaitFor("linked"));
-    Login();
+TEST_P(DCLoginError, AnswerThenLostWithTheCodesReasonThenTheSingleFrontsRetryRound) {
     DcFrame f;
-    ASSERT_TRUE(server.WaitForFrame(83, &f));
+    ASSERT_NO_FATAL_FAILURE(StartAndLogin(&f));
     uint16_t handle;
     std::memcpy(&handle, f.body.data(), 2);
     server.Send(83, LoginAnswer1(handle, GetParam().code, "refused"));
     ASSERT_TRUE(spi.WaitFor("lost:" + std::to_string(GetParam().reason)));
     std::vector<std::string> ev = spi.Events();
     ASSERT_GE(ev.size(), 3u);
-    EXPECT_EQ("login:" + std::to_string(GetParam().code), ev[1]);
-    EXPECT_EQ("lost:" + std::to_string(GetParam().reason), ev[2]);
+    EXPECT_EQ("login:" + std::to_string(GetParam().code) + " lost:" + std::to_string(GetParam().reason),
+              ev[1] + " " + ev[2]);
     std::vector<LoginAnswer> logins = spi.Copy(spi.logins);
     ASSERT_EQ(1u, logins.size());
-    EXPECT_EQ(42, logins[0].requestId);
-    EXPECT_TRUE(logins[0].isLast);
-    EXPECT_STREQ("refused", logins[0].info.ErrorMsg);
-    EXPECT_STREQ("9999", logins[0].rsp.BrokerID);
-    EXPECT_STREQ("trader01", logins[0].rsp.UserID);
-    EXPECT_STREQ("QXDC", logins[0].rsp.SystemName);
-    EXPECT_EQ(0, logins[0].rsp.FrontID);
-    EXPECT_STREQ("", logins[0].rsp.TradingDay);
-    EXPECT_STREQ("", logins[0].rsp.LoginTime);
-    EXPECT_STREQ("", logins[0].rsp.SHFETime);
-}
-
-INSTANTIATE_TEST_SUITE_P(Codes, DCLoginError,
-                         ::testing::Values(LoginErrorCase{9, 8197}, LoginErrorCase{8, 8198},
-                                           LoginErrorCase{5, 8196}));
-
-TEST_F(DCConnection, SingleFrontRefusedLoginLeadsToANoFrontRoundThenReconnects) {
-    Start();
-    ASSERT_TRUE(spi.WaitFor("linked"));
-    Login();
-    DcFrame f;
-    ASSERT_TRUE(server.WaitForFrame(83, &f));
-    server.Send(83, LoginAnswer1(1, 9));
-    ASSERT_TRUE(spi.WaitFor("lost:8197"));
+    const COrvexWiraRspUserLoginField& rsp = logins[0].rsp;
+    EXPECT_EQ(std::make_tuple(42, true, 0), std::make_tuple(logins[0].requestId, logins[0].isLast, rsp.FrontID));
+    // Message, broker, user, system name, trading day, login time, SHFE time.
+    EXPECT_EQ((std::vector<std::string>{"refused", "9999", "trader01", "QXDC", "", "", ""}),
+              (std::vector<std::string>{logins[0].info.ErrorMsg, rsp.BrokerID, rsp.UserID, rsp.SystemName,
+                                        rsp.TradingDay, rsp.LoginTime, rsp.SHFETime}));
+    // With one front: nothing before 10 s, a round without a front, then a
+    // new connection.
+    if (!GetParam().retry) return;
     usleep(100 * 1000);
-    EXPECT_EQ(1, server.Accepted());   // nothing before 10 s
+    EXPECT_EQ(1, server.Accepted());
 
     FakeClock::AdvanceMs(10000);
     ASSERT_TRUE(spi.WaitFor("lost:4099"));
@@ -175,11 +151,12 @@ TEST_F(DCConnection, SingleFrontRefusedLoginLeadsToANoFrontRoundThenReconnects) 
     EXPECT_EQ(2, server.Accepted());
 }
 
+INSTANTIATE_TEST_SUITE_P(Codes, DCLoginError,
+                         ::testing::Values(LoginErrorCase{9, 8197, true}, LoginErrorCase{8, 8198, false},
+                                           LoginErrorCase{5, 8196, false}));
+
 TEST_F(DCConnection, SuccessfulAnswerSplitOverTwoReadsAfterAnUnknownFrame) {
-    Start();
-    ASSERT_TRUE(spi.WaitFor("linked"));
-    Login();
-    ASSERT_TRUE(server.WaitForFrame(83, nullptr));
+    ASSERT_NO_FATAL_FAILURE(StartAndLogin(nullptr));
     std::string bytes = BuildDcFrame(77, "ignored") + BuildDcFrame(83, LoginAnswer1(1, 0));
     server.SendRaw(bytes.substr(0, 100));
     usleep(50 * 1000);
@@ -206,23 +183,14 @@ TEST_F(DCConnection, ServerCloseResetAndBadFramesGiveTheirReasons) {
     ASSERT_TRUE(server.WaitForAccepted(1));
     server.CloseClient(false);
     ASSERT_TRUE(spi.WaitFor("lost:0"));
-
-    FakeClock::AdvanceMs(10000);
-    ASSERT_TRUE(spi.WaitFor("linked", 2));
-    ASSERT_TRUE(server.WaitForAccepted(2));
+    ASSERT_NO_FATAL_FAILURE(Reconnect(2));
     server.CloseClient(true);
     ASSERT_TRUE(spi.WaitFor("lost:4097"));
-
-    FakeClock::AdvanceMs(10000);
-    ASSERT_TRUE(spi.WaitFor("linked", 3));
-    ASSERT_TRUE(server.WaitForAccepted(3));
+    ASSERT_NO_FATAL_FAILURE(Reconnect(3));
     std::string header = "@\xA6\xFD\x0F";   // body of 4093 bytes announced
     server.SendRaw(header);
     ASSERT_TRUE(spi.WaitFor("lost:8195"));
-
-    FakeClock::AdvanceMs(10000);
-    ASSERT_TRUE(spi.WaitFor("linked", 4));
-    ASSERT_TRUE(server.WaitForAccepted(4));
+    ASSERT_NO_FATAL_FAILURE(Reconnect(4));
     server.Send(101, std::string(5000, 'z'), true);   // inflates past 4092
     ASSERT_TRUE(spi.WaitFor("lost:8195", 2));
     EXPECT_EQ(0, spi.Count("login:0"));
@@ -231,8 +199,6 @@ TEST_F(DCConnection, ServerCloseResetAndBadFramesGiveTheirReasons) {
 TEST_F(DCConnection, HeartBeatAfterFifteenSeconds) {
     Start();
     ASSERT_TRUE(spi.WaitFor("linked"));
-    usleep(50 * 1000);
-    EXPECT_EQ(0, server.CountFrames(0));
     FakeClock::AdvanceMs(14999);
     usleep(50 * 1000);
     EXPECT_EQ(0, server.CountFrames(0));
@@ -316,17 +282,18 @@ TEST(DCSend, FailedSendResetsWith4098) {
     RecordingSpi spi;
     CDCThread api("", false);
     api.RegisterSpi(&spi);
-    int pair[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-    close(pair[1]);
-    api.m_socket = pair[0];
+    // Each request goes to a socket whose far end is closed.
+    auto deadPeer = [&api] {
+        int pair[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+        close(pair[1]);
+        api.m_socket = pair[0];
+    };
+    ASSERT_NO_FATAL_FAILURE(deadPeer());
     EXPECT_EQ(0, api.ReqMarketStatus(0));
     EXPECT_EQ(std::vector<int>{4098}, spi.Copy(spi.lost));
     EXPECT_FALSE(api.IsConnected());
-
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-    close(pair[1]);
-    api.m_socket = pair[0];
+    ASSERT_NO_FATAL_FAILURE(deadPeer());
     COrvexWiraReqUserLoginField req = MakeLogin();
     EXPECT_EQ(-1, api.ReqUserLogin(&req, 1));
     EXPECT_EQ((std::vector<int>{4098, 4098}), spi.Copy(spi.lost));
@@ -375,24 +342,20 @@ TEST(DCConstruction, FlowPathAndConfiguration) {
     {
         CDCThread a(nullptr, false);
         EXPECT_STREQ("./", a.FlowPath());
-        EXPECT_FALSE(a.LogEnabled());
-        EXPECT_FALSE(a.SubscribeEnabled());
-        EXPECT_FALSE(a.DeltaEnabled());
-        EXPECT_FALSE(a.DomesticExchanges());
-        EXPECT_EQ(0, a.LevelSetting());
-        CDCThread b("logs", false);
-        EXPECT_STREQ("logs/", b.FlowPath());
-        CDCThread c("logs/", false);
-        EXPECT_STREQ("logs/", c.FlowPath());
+        // Without a configuration file: log, subscribe, delta, domestic exchanges, level.
+        EXPECT_EQ(std::make_tuple(false, false, false, false, 0),
+                  std::make_tuple(a.LogEnabled(), a.SubscribeEnabled(), a.DeltaEnabled(), a.DomesticExchanges(),
+                                  a.LevelSetting()));
+        EXPECT_STREQ("logs/", CDCThread("logs", false).FlowPath());
+        EXPECT_STREQ("logs/", CDCThread("logs/", false).FlowPath());
     }
     ScopedTempDir::Write("OrvexWiraMdApi.def",
                          "[config]\nLOG=1\nSubscribe=true\nDeltaQuot=2\nlevel=3\nDomesticExchanges=-1\n");
     CDCThread d("", false);
-    EXPECT_TRUE(d.LogEnabled());
-    EXPECT_FALSE(d.SubscribeEnabled());   // only numbers count
-    EXPECT_TRUE(d.DeltaEnabled());
-    EXPECT_EQ(3, d.LevelSetting());
-    EXPECT_TRUE(d.DomesticExchanges());
+    // Subscribe stays off: only numbers count.
+    EXPECT_EQ(std::make_tuple(true, false, true, true, 3),
+              std::make_tuple(d.LogEnabled(), d.SubscribeEnabled(), d.DeltaEnabled(), d.DomesticExchanges(),
+                              d.LevelSetting()));
 }
 
 TEST(DCConstruction, RegisterFrontSortsAndParses) {
@@ -405,9 +368,8 @@ TEST(DCConstruction, RegisterFrontSortsAndParses) {
     api.RegisterFront(nullptr);
     ASSERT_EQ(1u, api.FrontCount());
     EXPECT_STREQ("10.0.0.1", api.Front(0).host);
-    EXPECT_EQ(7000, api.Front(0).port);
-    EXPECT_FALSE(api.Front(0).isFtp);
-    EXPECT_TRUE(api.Front(0).usable);
+    EXPECT_EQ(std::make_tuple(7000, false, true), std::make_tuple(int{api.Front(0).port}, api.Front(0).isFtp,
+                                                                  api.Front(0).usable));
 }
 
 TEST(DCLog, DailyFileNameAndLineFormat) {

@@ -56,8 +56,7 @@ protected:
         ASSERT_TRUE(server.WaitForAccepted(1));
     }
     void Login() {
-        COrvexWiraReqUserLoginField req;
-        std::memset(&req, 0, sizeof(req));
+        COrvexWiraReqUserLoginField req{};
         std::strcpy(req.UserID, "u");
         ASSERT_EQ(0, api->ReqUserLogin(&req, 5));
     }
@@ -77,34 +76,39 @@ protected:
     CDCThread* api = nullptr;
 };
 
-TEST_F(DCFaults, StallMidFrameKeepsTheConnectionAndReleaseIsPrompt) {
+TEST_F(DCFaults, UnansweredLoginAndStallMidFrameKeepTheConnectionWithHeartbeatsAndReleaseIsPrompt) {
     StartAndLink();
     Login();
     DcFrame login;
     ASSERT_TRUE(server.WaitForFrame(83, &login));
-    std::string frame = BuildDcFrame(83, SuccessAnswer(login));
-    server.SendRaw(frame.substr(0, 200));
+    // No answer at all: heartbeats go on, nothing is reported.
+    for (int i = 0; i < 3; ++i) {
+        FakeClock::AdvanceMs(15000);
+        ASSERT_TRUE(server.WaitForFrame(0, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{"linked"}), spi.Events());
+    // The answer stalls mid-frame: the same.
+    server.SendRaw(BuildDcFrame(83, SuccessAnswer(login)).substr(0, 200));
     FakeClock::AdvanceMs(15000);
-    ASSERT_TRUE(server.WaitForFrame(0, nullptr));   // heartbeats go on
-    EXPECT_EQ(0, spi.Count("login:0"));
-    EXPECT_TRUE(spi.Copy(spi.lost).empty());
+    ASSERT_TRUE(server.WaitForFrame(0, nullptr));
+    EXPECT_EQ((std::vector<std::string>{"linked"}), spi.Events());
     TimedRelease();
     EXPECT_EQ(1, spi.Count("lost:0"));
 }
 
 TEST_F(DCFaults, CloseOrResetMidFrameReportsAndReconnects) {
     StartAndLink();
-    server.SendRaw(BuildDcFrame(82, std::string(492, '\0')).substr(0, 100));
-    usleep(20 * 1000);
-    server.CloseClient(false);
-    ASSERT_TRUE(spi.WaitFor("lost:0"));
-    FakeClock::AdvanceMs(10000);
-    ASSERT_TRUE(spi.WaitFor("linked", 2));
-    ASSERT_TRUE(server.WaitForAccepted(2));
-    server.SendRaw(BuildDcFrame(82, std::string(492, '\0')).substr(0, 100));
-    usleep(20 * 1000);
-    server.CloseClient(true);
-    ASSERT_TRUE(spi.WaitFor("lost:4097"));
+    for (bool reset : {false, true}) {
+        if (reset) {
+            FakeClock::AdvanceMs(10000);
+            ASSERT_TRUE(spi.WaitFor("linked", 2));
+            ASSERT_TRUE(server.WaitForAccepted(2));
+        }
+        server.SendRaw(BuildDcFrame(82, std::string(492, '\0')).substr(0, 100));
+        usleep(20 * 1000);
+        server.CloseClient(reset);
+        ASSERT_TRUE(spi.WaitFor(reset ? "lost:4097" : "lost:0"));
+    }
     EXPECT_EQ(0, spi.Count("login:0"));
 }
 
@@ -143,17 +147,6 @@ TEST_F(DCFaults, ValidFrameThenGarbageHandlesTheFrameThenResets) {
     ASSERT_GE(ev.size(), 3u);
     EXPECT_EQ("login:0", ev[1]);
     EXPECT_EQ("lost:8195", ev[2]);
-}
-
-TEST_F(DCFaults, ServerThatNeverAnswersTheLoginKeepsTheConnectionWithHeartbeats) {
-    StartAndLink();
-    Login();
-    ASSERT_TRUE(server.WaitForFrame(83, nullptr));
-    for (int i = 0; i < 3; ++i) {
-        FakeClock::AdvanceMs(15000);
-        ASSERT_TRUE(server.WaitForFrame(0, nullptr));
-    }
-    EXPECT_EQ((std::vector<std::string>{"linked"}), spi.Events());
 }
 
 TEST_F(DCFaults, FrontThatNeverAcceptsDoesNotHangRelease) {
@@ -218,33 +211,21 @@ TEST_F(DCFaults, ReleaseWhileTheSnapshotIsLoading) {
     // market status is requested.
     server.Send(82, LoginAnswerBody(1, 0, {2001}));
     ASSERT_TRUE(server.WaitForFrame(2, nullptr));
-    MarketStatusRow row;
-    row.market = 2001;
-    row.tradingDay = 20240102;
-    row.status = 1;
-    row.secondDay = 20240102;
-    row.timeWord = 93000000;
-    server.Send(2, MarketStatusBody(1, 0, {row}));
+    server.Send(2, MarketStatusBody(1, 0, {{2001, 20240102, 1, 0, 20240102, 93000000}}));
     ASSERT_TRUE(server.WaitForFrame(3, nullptr));
     std::vector<NameRow> names;
+    std::vector<QuoteRow> rows;
     for (int i = 0; i < 40; ++i) {
-        NameRow n;
-        n.name = "copper";
-        n.marketCode = "cu25" + std::to_string(10 + i);
-        n.exchangeCode = n.marketCode;
-        n.divisor = 10;
-        names.push_back(n);
+        const std::string code = "cu25" + std::to_string(10 + i);
+        names.push_back({"copper", code, code, 10, 0, 0});
+        if (i >= 10) continue;
+        rows.emplace_back();
+        rows.back().market = 2001;
+        rows.back().code = code;
+        rows.back().date = 20240102;
+        rows.back().last = 700000;
     }
     server.Send(1, NameTableBody(2001, 40, 0, names));
-    std::vector<QuoteRow> rows;
-    for (int i = 0; i < 10; ++i) {
-        QuoteRow q;
-        q.market = 2001;
-        q.code = names[i].marketCode;
-        q.date = 20240102;
-        q.last = 700000;
-        rows.push_back(q);
-    }
     // Packet 0 of 4: the snapshot stays incomplete.
     server.Send(3, QuotationBody(4, 0, 2001, 40, 0, rows));
     ASSERT_TRUE(spi.WaitFor("login:0"));

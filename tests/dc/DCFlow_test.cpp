@@ -8,8 +8,10 @@
 
 #include <cfloat>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dc/DCThread.h"
@@ -26,13 +28,7 @@ namespace {
 constexpr uint32_t kDay = 20240102;
 
 NameRow Name(const std::string& code, const std::string& name, int32_t divisor, uint16_t multiple) {
-    NameRow n;
-    n.name = name;
-    n.marketCode = code;
-    n.exchangeCode = code;
-    n.divisor = divisor;
-    n.attribute1 = multiple;
-    return n;
+    return {name, code, code, divisor, multiple, 0};
 }
 
 QuoteRow Quote(uint16_t market, const std::string& code, int32_t last) {
@@ -49,6 +45,22 @@ QuoteRow Quote(uint16_t market, const std::string& code, int32_t last) {
     q.bid[0] = {last - 1, 3};
     q.ask[0] = {last + 1, 4};
     return q;
+}
+
+// Copies of C strings, so that several text fields are compared in one check.
+std::vector<std::string> Texts(std::initializer_list<const char*> texts) { return {texts.begin(), texts.end()}; }
+
+// Compares values of a record, given as (got, want): exactly where the
+// wanted value is whole (DBL_MAX included), else to within 4 ULPs.
+void ExpectValues(const char* what, std::initializer_list<std::pair<double, double>> values) {
+    int i = 0;
+    for (const auto& [got, want] : values) {
+        if (std::floor(want) == want)
+            EXPECT_EQ(want, got) << what << ", value " << i;
+        else
+            EXPECT_DOUBLE_EQ(want, got) << what << ", value " << i;
+        ++i;
+    }
 }
 
 // Serves the login, the market status, the name tables and the snapshot of
@@ -90,21 +102,26 @@ protected:
         if (!config.empty()) ScopedTempDir::Write("OrvexWiraMdApi.def", config);
         api = new CDCThread("", true);
         api->RegisterSpi(&spi);
-        std::string front = server.FrontAddress();
-        api->RegisterFront(&front[0]);
-        if (!fileFront.empty()) {
-            std::string f = fileFront;
-            api->RegisterFront(&f[0]);
-        }
+        for (std::string front : {server.FrontAddress(), fileFront})
+            if (!front.empty()) api->RegisterFront(&front[0]);
         api->Init();
         ASSERT_TRUE(spi.WaitFor("linked"));
-        COrvexWiraReqUserLoginField req;
-        std::memset(&req, 0, sizeof(req));
+        COrvexWiraReqUserLoginField req{};
         std::strcpy(req.BrokerID, "0001");
         std::strcpy(req.UserID, "flow");
         ASSERT_EQ(0, api->ReqUserLogin(&req, 11));
         // The status reports after the snapshot end the load.
         ASSERT_TRUE(spi.WaitFor("status:SHFE:2"));
+    }
+    // Starts with a file front that serves one SHFE contract file.
+    void StartWithContractFile(qxsfsim::FakeFileServer& files, const std::string& content,
+                               qxsfsim::Misbehaviour onFileRequest = qxsfsim::Misbehaviour::None) {
+        qxsfsim::ServerScript script;
+        script.onFileRequest = onFileRequest;
+        files.SetScript(script);
+        files.AddFile({"shfe_base_1.json", content, {11, 22}, false, {}});
+        ASSERT_TRUE(files.Start());
+        Start("", "ftp://127.0.0.1:" + std::to_string(files.Port()));
     }
     void TearDown() override {
         if (api) api->Release();
@@ -116,6 +133,20 @@ protected:
         for (const auto& d : spi.Copy(spi.depths))
             if (id == d.InstrumentID) out.push_back(d);
         return out;
+    }
+    // Instrument answers as "request:instrument" ("-" without a record),
+    // with "!" on the last one of a request.
+    std::vector<std::string> Answered() {
+        std::vector<std::string> out;
+        for (const InstrumentAnswer& a : spi.Copy(spi.instruments))
+            out.push_back(std::to_string(a.requestId) + ":" + (a.hasRecord ? a.rec.InstrumentID : "-") +
+                          (a.isLast ? "!" : ""));
+        return out;
+    }
+    void AskExchange(const char* exchange, int requestId) {
+        COrvexWiraQryInstrumentField q{};
+        std::strcpy(q.ExchangeID, exchange);
+        ASSERT_EQ(0, api->ReqQryInstrument(&q, requestId));
     }
 
     ScopedTempDir dir;
@@ -141,25 +172,19 @@ TEST_F(DCFlow, LoginSnapshotHeldBackPushAndStatusReportsInOrder) {
     // The report after the market status takes its request handle from the
     // first-form answer; after a second-form login none was stored.
     EXPECT_EQ(0, logins[0].requestId);
-    EXPECT_STREQ("20240102", logins[0].rsp.TradingDay);
-    EXPECT_STREQ("09:30:00", logins[0].rsp.SHFETime);
-    EXPECT_STREQ("09:30:00", logins[0].rsp.DCETime);
-    EXPECT_STREQ("", logins[0].rsp.CZCETime);
-    EXPECT_STREQ("20240102", api->GetTradingDay());
+    // Trading day, SHFE, DCE and CZCE times; then the API's trading day.
+    EXPECT_EQ(Texts({logins[0].rsp.TradingDay, logins[0].rsp.SHFETime, logins[0].rsp.DCETime, logins[0].rsp.CZCETime,
+                     api->GetTradingDay()}),
+              (std::vector<std::string>{"20240102", "09:30:00", "09:30:00", "", "20240102"}));
 
     std::vector<COrvexWiraDepthMarketDataField> cu = DepthsOf("cu2405");
     ASSERT_EQ(2u, cu.size());
-    EXPECT_DOUBLE_EQ(70000.0, cu[0].LastPrice);
-    EXPECT_DOUBLE_EQ(69999.0, cu[0].PreClosePrice);
-    EXPECT_DOUBLE_EQ(69999.9, cu[0].BidPrice1);
-    EXPECT_EQ(3, cu[0].BidVolume1);
-    EXPECT_EQ(DBL_MAX, cu[0].BidPrice2);
-    EXPECT_STREQ("SHFE", cu[0].ExchangeID);
-    EXPECT_STREQ("20240102", cu[0].ActionDay);
-    EXPECT_STREQ("09:30:00", cu[0].UpdateTime);
+    ExpectValues("snapshot", {{cu[0].LastPrice, 70000.0}, {cu[0].PreClosePrice, 69999.0}, {cu[0].BidPrice1, 69999.9},
+                              {cu[0].BidVolume1, 3}, {cu[0].BidPrice2, DBL_MAX}});
+    EXPECT_EQ(Texts({cu[0].ExchangeID, cu[0].ActionDay, cu[0].UpdateTime}),
+              (std::vector<std::string>{"SHFE", "20240102", "09:30:00"}));
     // The replayed push: full record, new last price and time.
-    EXPECT_DOUBLE_EQ(70005.0, cu[1].LastPrice);
-    EXPECT_DOUBLE_EQ(69999.0, cu[1].PreClosePrice);
+    ExpectValues("replayed push", {{cu[1].LastPrice, 70005.0}, {cu[1].PreClosePrice, 69999.0}});
     EXPECT_STREQ("09:30:01", cu[1].UpdateTime);
 }
 
@@ -180,16 +205,11 @@ TEST_F(DCFlow, FullPushesAndStaleRows) {
     Push(last);
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("al2405").size() == 3; }));
     std::vector<COrvexWiraDepthMarketDataField> al = DepthsOf("al2405");
-    EXPECT_DOUBLE_EQ(19020.0, al[1].LastPrice);
-    EXPECT_DOUBLE_EQ(150.0, al[1].Volume);
-    EXPECT_DOUBLE_EQ(19010.0, al[1].BidPrice1);
-    EXPECT_EQ(9, al[1].BidVolume1);
-    EXPECT_DOUBLE_EQ(19030.0, al[1].AskPrice1);
-    EXPECT_STREQ("09:30:30", al[1].UpdateTime);
+    ExpectValues("later", {{al[1].LastPrice, 19020.0}, {al[1].Volume, 150.0}, {al[1].BidPrice1, 19010.0},
+                           {al[1].BidVolume1, 9}, {al[1].AskPrice1, 19030.0}});
     // The stale row was dropped; the next one is applied on top.
-    EXPECT_DOUBLE_EQ(19020.0, al[2].LastPrice);
-    EXPECT_EQ(0.0, al[2].OpenInterest);
-    EXPECT_STREQ("09:31:00", al[2].UpdateTime);
+    ExpectValues("last", {{al[2].LastPrice, 19020.0}, {al[2].OpenInterest, 0.0}});
+    EXPECT_EQ(Texts({al[1].UpdateTime, al[2].UpdateTime}), (std::vector<std::string>{"09:30:30", "09:31:00"}));
 }
 
 TEST_F(DCFlow, DeltaPushesCarryOnlyWhatChanged) {
@@ -201,17 +221,12 @@ TEST_F(DCFlow, DeltaPushesCarryOnlyWhatChanged) {
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 3; }));
     // The held-back push was applied as a delta too: it changed the last
     // price, so the same last price now counts as unchanged.
-    EXPECT_DOUBLE_EQ(70005.0, DepthsOf("cu2405")[1].LastPrice);
-    EXPECT_EQ(DBL_MAX, DepthsOf("cu2405")[1].PreClosePrice);
-    COrvexWiraDepthMarketDataField d = DepthsOf("cu2405")[2];
-    EXPECT_EQ(DBL_MAX, d.LastPrice);
-    EXPECT_EQ(DBL_MAX, d.PreClosePrice);
-    EXPECT_EQ(DBL_MAX, d.Volume);   // within 1e-5 of the snapshot's 100
-    EXPECT_DOUBLE_EQ(2e6, d.Turnover);
-    EXPECT_EQ(0x7FFFFFFF, d.BidVolume1);
-    EXPECT_EQ(DBL_MAX, d.BidPrice1);
-    EXPECT_STREQ("09:40:00", d.UpdateTime);
-    EXPECT_STREQ("cu2405", d.InstrumentID);
+    std::vector<COrvexWiraDepthMarketDataField> cu = DepthsOf("cu2405");
+    ExpectValues("held-back push", {{cu[1].LastPrice, 70005.0}, {cu[1].PreClosePrice, DBL_MAX}});
+    // The volume is within 1e-5 of the snapshot's 100: unchanged too.
+    ExpectValues("delta", {{cu[2].LastPrice, DBL_MAX}, {cu[2].PreClosePrice, DBL_MAX}, {cu[2].Volume, DBL_MAX},
+                           {cu[2].Turnover, 2e6}, {cu[2].BidVolume1, 0x7FFFFFFF}, {cu[2].BidPrice1, DBL_MAX}});
+    EXPECT_EQ(Texts({cu[2].UpdateTime, cu[2].InstrumentID}), (std::vector<std::string>{"09:40:00", "cu2405"}));
 }
 
 TEST_F(DCFlow, SubscriptionsFilterPushesAndReplayCurrentQuotes) {
@@ -249,87 +264,44 @@ TEST_F(DCFlow, SubscriptionsFilterPushesAndReplayCurrentQuotes) {
 TEST_F(DCFlow, InstrumentQueriesAnswerFromTheModel) {
     Start();
     ASSERT_TRUE(spi.WaitFor("depth:m2409"));
-    COrvexWiraQryInstrumentField q;
-    std::memset(&q, 0, sizeof(q));
-    std::strcpy(q.ExchangeID, "SHFE");
-    EXPECT_EQ(0, api->ReqQryInstrument(&q, 21));
-    std::strcpy(q.ExchangeID, "XYZ");
-    EXPECT_EQ(0, api->ReqQryInstrument(&q, 22));
-    q.ExchangeID[0] = '\0';
-    EXPECT_EQ(0, api->ReqQryInstrument(&q, 23));
+    AskExchange("SHFE", 21);
+    AskExchange("XYZ", 22);
+    AskExchange("", 23);
     ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.instruments).size() == 6; }));
+    // SHFE in market-code order; the unknown exchange: one error answer;
+    // everything: markets in id order.
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"21:al2405", "21:cu2405!", "22:-!", "23:al2405", "23:cu2405",
+                                                    "23:m2409!"}));
     std::vector<InstrumentAnswer> answers = spi.Copy(spi.instruments);
-    // SHFE in market-code order, is-last on the last one.
-    EXPECT_STREQ("al2405", answers[0].rec.InstrumentID);
     EXPECT_STREQ("aluminium", answers[0].rec.InstrumentName);
     EXPECT_EQ(5, answers[0].rec.VolumeMultiple);
-    EXPECT_FALSE(answers[0].isLast);
-    EXPECT_STREQ("cu2405", answers[1].rec.InstrumentID);
-    EXPECT_TRUE(answers[1].isLast);
-    EXPECT_EQ(21, answers[1].requestId);
-    // The unknown exchange: one error answer with the GBK message.
-    EXPECT_FALSE(answers[2].hasRecord);
     EXPECT_EQ(1, answers[2].info.ErrorID);
-    EXPECT_EQ(22u, std::strlen(answers[2].info.ErrorMsg));
-    EXPECT_TRUE(answers[2].isLast);
-    // Everything: markets in id order.
-    EXPECT_STREQ("al2405", answers[3].rec.InstrumentID);
-    EXPECT_STREQ("cu2405", answers[4].rec.InstrumentID);
-    EXPECT_STREQ("m2409", answers[5].rec.InstrumentID);
+    EXPECT_EQ(22u, std::strlen(answers[2].info.ErrorMsg));   // the GBK message
     EXPECT_STREQ("DCE", answers[5].rec.ExchangeID);
-    EXPECT_TRUE(answers[5].isLast);
-    EXPECT_EQ(23, answers[5].requestId);
 }
 
 TEST_F(DCFlow, QueryWithAFileFrontMergesContractFieldsIntoTheModelsAnswer) {
     qxsfsim::FakeFileServer files;
-    qxsfsim::ServedFile contract;
-    contract.name = "shfe_base_1.json";
-    contract.content =
-        "{\"ContractData\":[{\"2\":\"cu2405\",\"4\":20240115,\"5\":0,\"13\":0.5,\"2017\":7,\"2018\":8}]}";
-    contract.time = {11, 22};
-    files.AddFile(contract);
-    ASSERT_TRUE(files.Start());
-    Start("", "ftp://127.0.0.1:" + std::to_string(files.Port()));
+    ASSERT_NO_FATAL_FAILURE(StartWithContractFile(
+        files, "{\"ContractData\":[{\"2\":\"cu2405\",\"4\":20240115,\"5\":0,\"13\":0.5,\"2017\":7,\"2018\":8}]}"));
     ASSERT_TRUE(spi.WaitFor("depth:m2409"));
-    COrvexWiraQryInstrumentField q;
-    std::memset(&q, 0, sizeof(q));
-    std::strcpy(q.ExchangeID, "SHFE");
-    ASSERT_EQ(0, api->ReqQryInstrument(&q, 31));
+    AskExchange("SHFE", 31);
     ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.instruments).size() == 2; }, 5000));
-    std::vector<InstrumentAnswer> answers = spi.Copy(spi.instruments);
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"31:al2405", "31:cu2405!"}));
     // al2405 has no contract record and comes first: no contract fields.
-    EXPECT_STREQ("al2405", answers[0].rec.InstrumentID);
-    EXPECT_STREQ("", answers[0].rec.Text4);
-    EXPECT_EQ(0.0, answers[0].rec.Number13);
-    EXPECT_FALSE(answers[0].isLast);
-    EXPECT_STREQ("cu2405", answers[1].rec.InstrumentID);
-    EXPECT_STREQ("copper", answers[1].rec.InstrumentName);
-    EXPECT_STREQ("SHFE", answers[1].rec.ExchangeID);
-    EXPECT_EQ(5, answers[1].rec.VolumeMultiple);
-    EXPECT_STREQ("20240115", answers[1].rec.Text4);
-    EXPECT_STREQ("", answers[1].rec.Text5);
-    EXPECT_EQ(0.5, answers[1].rec.Number13);
-    EXPECT_STREQ("7", answers[1].rec.Text2017);
-    EXPECT_STREQ("8", answers[1].rec.Text2018);
-    EXPECT_TRUE(answers[1].isLast);
-    EXPECT_EQ(31, answers[1].requestId);
+    const COrvexWiraInstrumentField al = spi.Copy(spi.instruments)[0].rec, cu = spi.Copy(spi.instruments)[1].rec;
+    EXPECT_STREQ("", al.Text4);
+    EXPECT_EQ(0.0, al.Number13);
+    // Name, exchange, Text4, Text5, Text2017 and Text2018 of cu2405.
+    EXPECT_EQ(Texts({cu.InstrumentName, cu.ExchangeID, cu.Text4, cu.Text5, cu.Text2017, cu.Text2018}),
+              (std::vector<std::string>{"copper", "SHFE", "20240115", "", "7", "8"}));
+    EXPECT_EQ(std::make_pair(5, 0.5), std::make_pair(cu.VolumeMultiple, cu.Number13));
 }
 
 TEST_F(DCFlow, ReleaseDuringADownloadIsPromptAndClean) {
     qxsfsim::FakeFileServer files;
-    qxsfsim::ServerScript script;
-    script.onFileRequest = qxsfsim::Misbehaviour::Stall;
-    files.SetScript(script);
-    qxsfsim::ServedFile contract;
-    contract.name = "shfe_base_1.json";
-    contract.content = std::string(10000, ' ');
-    files.AddFile(contract);
-    ASSERT_TRUE(files.Start());
-    Start("", "ftp://127.0.0.1:" + std::to_string(files.Port()));
-    COrvexWiraQryInstrumentField q;
-    std::memset(&q, 0, sizeof(q));
-    ASSERT_EQ(0, api->ReqQryInstrument(&q, 32));
+    ASSERT_NO_FATAL_FAILURE(StartWithContractFile(files, std::string(10000, ' '), qxsfsim::Misbehaviour::Stall));
+    AskExchange("", 32);
     ASSERT_TRUE(files.WaitFor(
         [](const std::vector<qxsfsim::Package>& got) {
             for (const auto& p : got)

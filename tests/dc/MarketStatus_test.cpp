@@ -1,6 +1,8 @@
 // Market status answers (markets, exchanges, main markets, login
 // completion) and name tables (instruments of a market).
 #include <set>
+#include <tuple>
+#include <utility>
 
 #include "dc/HandlerKit.h"
 
@@ -10,14 +12,7 @@ namespace {
 
 MarketStatusRow Row(uint16_t id, uint32_t day = 20240102, uint8_t status = 1, uint32_t secondDay = 20240102,
                     uint32_t timeWord = 93000500) {
-    MarketStatusRow r;
-    r.market = id;
-    r.tradingDay = day;
-    r.status = status;
-    r.status2 = 9;
-    r.secondDay = secondDay;
-    r.timeWord = timeWord;
-    return r;
+    return {id, day, status, 9, secondDay, timeWord};
 }
 
 std::vector<uint16_t> MarketIds(CQxExchange* e) {
@@ -26,21 +21,32 @@ std::vector<uint16_t> MarketIds(CQxExchange* e) {
     return ids;
 }
 
+// Copies of C strings, so that several text fields are compared in one check.
+std::vector<std::string> Texts(std::initializer_list<const char*> texts) { return {texts.begin(), texts.end()}; }
+
 }  // namespace
 
 // ---- market status ----
 
-class MarketStatusTest : public HandlerTest {};
+class MarketStatusTest : public HandlerTest {
+protected:
+    // The requests sent since the last call: command and market (0: all).
+    std::vector<std::pair<int, int>> Requests() {
+        std::vector<std::pair<int, int>> out;
+        for (const DcFrame& f : SentFrames()) out.push_back({f.command, BodyU16(f.body, 2)});
+        return out;
+    }
+};
 
 TEST_F(MarketStatusTest, KnownIdsUseTheBuiltInExchangeOthersTheConfiguration) {
     ScopedTempDir::Write("OrvexWiraMdApi.def", "[EXCHANGE]\n5001=XSGE\n2301=WRONG\n[BRCODE]\nXSGE=1\n");
     MakeApi(true);
     Status({Row(2301), Row(5000), Row(5001)});
 
-    EXPECT_STREQ(api->FindMarket(2301)->exchangeCode, "CFFEX");
+    EXPECT_EQ(Texts({api->FindMarket(2301)->exchangeCode, api->FindMarket(5000)->exchangeCode,
+                     api->FindMarket(5001)->exchangeCode}),
+              (std::vector<std::string>{"CFFEX", "5000", "XSGE"}));
     EXPECT_FALSE(api->FindMarket(2301)->UseExchangeCode);
-    EXPECT_STREQ(api->FindMarket(5000)->exchangeCode, "5000");
-    EXPECT_STREQ(api->FindMarket(5001)->exchangeCode, "XSGE");
     EXPECT_TRUE(api->FindMarket(5001)->UseExchangeCode);
     ASSERT_NE(api->FindExchange("XSGE"), nullptr);
     EXPECT_EQ(MarketIds(api->FindExchange("XSGE")), std::vector<uint16_t>{5001});
@@ -73,26 +79,24 @@ TEST_F(MarketStatusTest, ChangedAccessListChoosesPreferredMainMarketsAndIsSaved)
     // Each offered id takes two slots: the id, then a zero id with all groups.
     // (The wire records are packed: copy the fields out before comparing.)
     const QxFamilyAccess* list = api->m_access.familyAccess;
-    auto family = [&](int i) { return static_cast<int>(list[i].Family); };
-    auto groups = [&](int i) { return static_cast<int>(list[i].Groups); };
+    auto entry = [&](int i) { return std::make_pair(int{list[i].Family}, int{list[i].Groups}); };
     const int ids[4] = {2000, 2001, 2011, 2100};
     for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(family(2 * i), ids[i]) << i;
-        EXPECT_EQ(groups(2 * i), 0) << i;
-        EXPECT_EQ(family(2 * i + 1), 0) << i;
-        EXPECT_EQ(groups(2 * i + 1), -1) << i;
+        EXPECT_EQ(entry(2 * i), std::make_pair(ids[i], 0)) << i;
+        EXPECT_EQ(entry(2 * i + 1), std::make_pair(0, -1)) << i;
     }
-    EXPECT_EQ(family(8), 0);
-    EXPECT_EQ(groups(8), 0);
+    EXPECT_EQ(entry(8), std::make_pair(0, 0));
     EXPECT_EQ(std::memcmp(api->m_access.familyAccess, api->m_access.savedFamilyAccess,
                           sizeof(api->m_access.familyAccess)), 0);
     EXPECT_EQ(access("qxmktaccess.xml", F_OK), 0);
 }
 
-TEST_F(MarketStatusTest, UnchangedAccessListKeepsTheFirstMarketAsMain) {
-    Status({Row(2000), Row(2001)});
+TEST_F(MarketStatusTest, UnchangedAccessListKeepsTheFirstMarketAsMainTheTradingDayIsThePreferredOnes) {
+    Status({Row(2000, 20240101), Row(2001, 20240102), Row(2101, 20240103)});
     EXPECT_EQ(api->FindExchange("SHFE")->GetMainMarket()->marketId, 2000);
     EXPECT_NE(access("qxmktaccess.xml", F_OK), 0);
+    // The trading day text comes from the preferred SHFE market.
+    EXPECT_STREQ(api->GetTradingDay(), "20240102");
 }
 
 TEST_F(MarketStatusTest, SplitAnswerCompletesTheLoginAfterItsLastPacket) {
@@ -108,62 +112,33 @@ TEST_F(MarketStatusTest, SplitAnswerCompletesTheLoginAfterItsLastPacket) {
 
     std::string second = MarketStatusBody(3, 2, {Row(5000, 20240104, 0, 20240101, 150000000)});
     api->ProcessMkStatusRsp(second.data(), static_cast<int>(second.size()));
-
-    std::vector<std::string> events = spi.Events();
-    ASSERT_EQ(events.size(), 4u);
-    EXPECT_EQ(events[0], "login:0");
     // Exchanges in key order, each with the '*' of a completed login.
-    EXPECT_EQ(events[1], "status:5000:*");
-    EXPECT_EQ(events[2], "status:DCE:*");
-    EXPECT_EQ(events[3], "status:SHFE:*");
-
-    ASSERT_EQ(spi.logins.size(), 1u);
-    EXPECT_EQ(spi.logins[0].requestId, 77);
-    EXPECT_TRUE(spi.logins[0].isLast);
-    EXPECT_EQ(spi.logins[0].info.ErrorID, 0);
-    EXPECT_STREQ(spi.logins[0].info.ErrorMsg, "welcome");
-    EXPECT_STREQ(spi.logins[0].rsp.SystemName, "QXDC");
-
+    ASSERT_EQ(spi.Events(), (std::vector<std::string>{"login:0", "status:5000:*", "status:DCE:*", "status:SHFE:*"}));
+    const LoginAnswer& login = spi.logins[0];
+    EXPECT_EQ(std::make_tuple(login.requestId, login.isLast, login.info.ErrorID), std::make_tuple(77, true, 0));
+    EXPECT_EQ(Texts({login.info.ErrorMsg, login.rsp.SystemName}), (std::vector<std::string>{"welcome", "QXDC"}));
+    // SHFE's trading day, second day and time, then 5000's time and second day.
     const COrvexWiraMarketStatusField& shfe = spi.statuses[2];
-    EXPECT_STREQ(shfe.TradingDay, "20240102");
-    EXPECT_STREQ(shfe.SecondDay, "20240102");
-    EXPECT_STREQ(shfe.UpdateTime, "09:30:00");
-    EXPECT_STREQ(spi.statuses[0].UpdateTime, "15:00:00");
-    EXPECT_STREQ(spi.statuses[0].SecondDay, "20240101");
-
-    std::vector<DcFrame> frames = SentFrames();
-    ASSERT_EQ(frames.size(), 2u);
-    EXPECT_EQ(frames[0].command, kCmdNameTable);
-    EXPECT_EQ(BodyU16(frames[0].body, 2), 0);
-    EXPECT_EQ(frames[1].command, kCmdQuotation);
-    EXPECT_EQ(BodyU16(frames[1].body, 2), 0);
+    EXPECT_EQ(Texts({shfe.TradingDay, shfe.SecondDay, shfe.UpdateTime, spi.statuses[0].UpdateTime,
+                     spi.statuses[0].SecondDay}),
+              (std::vector<std::string>{"20240102", "20240102", "09:30:00", "15:00:00", "20240101"}));
+    EXPECT_EQ(Requests(), (std::vector<std::pair<int, int>>{{kCmdNameTable, 0}, {kCmdQuotation, 0}}));
 }
 
 TEST_F(MarketStatusTest, WithoutCallbackOnlyTheRequestsFollow) {
     api->RegisterSpi(nullptr);
     AttachPeer();
     Status({Row(2001)});
-    std::vector<DcFrame> frames = SentFrames();
-    ASSERT_EQ(frames.size(), 2u);
-    EXPECT_EQ(frames[0].command, kCmdNameTable);
-    EXPECT_EQ(frames[1].command, kCmdQuotation);
+    EXPECT_EQ(Requests(), (std::vector<std::pair<int, int>>{{kCmdNameTable, 0}, {kCmdQuotation, 0}}));
     EXPECT_TRUE(spi.Events().empty());
-}
-
-TEST_F(MarketStatusTest, TradingDayTextComesFromThePreferredShfeMarket) {
-    Status({Row(2000, 20240101), Row(2001, 20240102), Row(2101, 20240103)});
-    EXPECT_STREQ(api->GetTradingDay(), "20240102");
 }
 
 TEST_F(MarketStatusTest, RepeatedRowRefreshesTheMarketWithoutAddingItAgain) {
     Status({Row(2001, 20240102, 1, 20240102, 90000000)});
     Status({Row(2001, 20240105, 3, 20240104, 211530250)});
     CQxMarket* m = api->FindMarket(2001);
-    EXPECT_EQ(m->tradingDay, 20240105u);
-    EXPECT_EQ(m->status, 3);
-    EXPECT_EQ(m->status2, 9);
-    EXPECT_EQ(m->secondDay, 20240104u);
-    EXPECT_EQ(m->timeWord, 211530250u);
+    EXPECT_EQ(std::make_tuple(m->tradingDay, int{m->status}, int{m->status2}, m->secondDay, m->timeWord),
+              std::make_tuple(20240105u, 3, 9, 20240104u, 211530250u));
     EXPECT_EQ(api->FindExchange("SHFE")->markets.size(), 1u);
     EXPECT_EQ(spi.Count("login:0"), 2);
 }
@@ -181,14 +156,9 @@ TEST_F(MarketStatusTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {
 }
 
 TEST(MarketStatusRecord, StatusCodesMapToTheirCharacters) {
-    EXPECT_EQ(CDCThread::StatusChar(0), '0');
-    EXPECT_EQ(CDCThread::StatusChar(1), '2');
-    EXPECT_EQ(CDCThread::StatusChar(3), '2');
-    EXPECT_EQ(CDCThread::StatusChar(4), '2');
-    EXPECT_EQ(CDCThread::StatusChar(2), '4');
-    EXPECT_EQ(CDCThread::StatusChar(5), '6');
-    EXPECT_EQ(CDCThread::StatusChar(7), '6');
-    EXPECT_EQ(CDCThread::StatusChar(255), '6');
+    const std::pair<uint8_t, char> codes[] = {{0, '0'}, {1, '2'}, {3, '2'}, {4, '2'},
+                                              {2, '4'}, {5, '6'}, {7, '6'}, {255, '6'}};
+    for (const auto& [code, c] : codes) EXPECT_EQ(CDCThread::StatusChar(code), c) << "code " << int{code};
 }
 
 TEST(MarketStatusRecord, OverlongValuesStayInsideTheirFields) {
@@ -203,23 +173,21 @@ TEST(MarketStatusRecord, OverlongValuesStayInsideTheirFields) {
 }
 
 TEST_F(MarketStatusTest, LevelAdmitsPlainOrDeepFeedsByTheSetting) {
-    for (int id : {2000, 2001, 2100, 2101, 2200, 2201, 2300, 2301}) {
-        api->m_nLevel = 0;
-        EXPECT_TRUE(api->Level(id)) << id;
-        api->m_nLevel = 2;
-        EXPECT_FALSE(api->Level(id)) << id;
-    }
-    for (int id : {2010, 2011, 2110, 2111, 2210, 2211, 2310, 2311}) {
-        api->m_nLevel = 0;
-        EXPECT_FALSE(api->Level(id)) << id;
-        api->m_nLevel = 1;
-        EXPECT_TRUE(api->Level(id)) << id;
-    }
-    for (int id : {0, 2002, 2012, 2400, 5000, 65535}) {
-        api->m_nLevel = 0;
-        EXPECT_TRUE(api->Level(id)) << id;
-        api->m_nLevel = 1;
-        EXPECT_TRUE(api->Level(id)) << id;
+    // Per group of ids: admitted at level 0, and at the group's other level.
+    const struct {
+        std::vector<int> ids;
+        int otherLevel;
+        bool atZero, atOther;
+    } groups[] = {{{2000, 2001, 2100, 2101, 2200, 2201, 2300, 2301}, 2, true, false},    // plain feeds
+                  {{2010, 2011, 2110, 2111, 2210, 2211, 2310, 2311}, 1, false, true},    // deep feeds
+                  {{0, 2002, 2012, 2400, 5000, 65535}, 1, true, true}};                  // neither
+    for (const auto& g : groups) {
+        for (int id : g.ids) {
+            api->m_nLevel = 0;
+            EXPECT_EQ(api->Level(id), g.atZero) << id;
+            api->m_nLevel = g.otherLevel;
+            EXPECT_EQ(api->Level(id), g.atOther) << id << " at level " << g.otherLevel;
+        }
     }
 }
 
@@ -238,17 +206,12 @@ TEST_F(NameTableTest, RowsBecomeInstrumentsWithTheirDepthRecordPrepared) {
     Names(2001, {{"Copper 2403", "cu2403", "CU2403X", 10, 5, 7}});
     CQxInstrument* inst = Inst(2001, "cu2403");
     ASSERT_NE(inst, nullptr);
-    EXPECT_STREQ(inst->exchangeCode, "CU2403X");
-    EXPECT_STREQ(inst->name, "Copper 2403");
-    EXPECT_EQ(inst->priceDivisor, 10u);
-    EXPECT_EQ(inst->attribute1, 5);
-    EXPECT_EQ(inst->attribute2, 7);
-    EXPECT_EQ(inst->quoteDate, 0u);
-    EXPECT_EQ(inst->quoteTime, 0u);
-    EXPECT_STREQ(inst->depth.TradingDay, "20240102");
-    EXPECT_STREQ(inst->depth.InstrumentID, "cu2403");
-    EXPECT_STREQ(inst->depth.ExchangeID, "SHFE");
-    EXPECT_STREQ(inst->depth.ExchangeInstID, "CU2403X");
+    EXPECT_EQ(Texts({inst->exchangeCode, inst->name, inst->depth.TradingDay, inst->depth.InstrumentID,
+                     inst->depth.ExchangeID, inst->depth.ExchangeInstID}),
+              (std::vector<std::string>{"CU2403X", "Copper 2403", "20240102", "cu2403", "SHFE", "CU2403X"}));
+    // Divisor, both attributes, quote date and time.
+    EXPECT_EQ(std::make_tuple(inst->priceDivisor, inst->attribute1, inst->attribute2, inst->quoteDate, inst->quoteTime),
+              std::make_tuple(10u, uint16_t{5}, uint16_t{7}, 0u, 0u));
     EXPECT_EQ(inst->depth.LastPrice, DBL_MAX);
     EXPECT_EQ(inst->depth.Turnover, 0.0);
     EXPECT_TRUE(api->FindMarket(2001)->NameTableComplete);
@@ -258,8 +221,7 @@ TEST_F(NameTableTest, RowsBecomeInstrumentsWithTheirDepthRecordPrepared) {
     Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
     CQxInstrument* soy = Inst(2101, "a2405");
     ASSERT_NE(soy, nullptr);
-    EXPECT_STREQ(soy->depth.InstrumentID, "A2405");
-    EXPECT_STREQ(soy->depth.TradingDay, "20240103");
+    EXPECT_EQ(Texts({soy->depth.InstrumentID, soy->depth.TradingDay}), (std::vector<std::string>{"A2405", "20240103"}));
     EXPECT_EQ(api->FindMarket(2101)->FindInstrumentByID("A2405"), soy);
     EXPECT_EQ(api->FindMarket(2101)->FindInstrumentByID("a2405"), nullptr);
 }
@@ -277,6 +239,11 @@ TEST_F(NameTableTest, ByIdMapIsBuiltWhenTheLastPacketArrives) {
     EXPECT_TRUE(m->NameTableComplete);
     EXPECT_EQ(m->instrumentsById.size(), 3u);
     EXPECT_EQ(m->FindInstrumentByID("cu01"), m->FindInstrument("cu01"));
+
+    Names(2101, {{"first", "a01", "A", 1, 1, 0}, {"second", "a02", "A", 1, 2, 0}});
+    CQxInstrument* byId = api->FindMarket(2101)->FindInstrumentByID("A");
+    ASSERT_NE(byId, nullptr);
+    EXPECT_STREQ(byId->marketCode, "a02");
 }
 
 TEST_F(NameTableTest, TableResentFromRowZeroStartsFromEmpty) {
@@ -287,13 +254,6 @@ TEST_F(NameTableTest, TableResentFromRowZeroStartsFromEmpty) {
     ASSERT_NE(Inst(2001, "cu02"), nullptr);
     EXPECT_EQ(Inst(2001, "cu02")->quoteDate, 0u);
     EXPECT_EQ(api->FindMarket(2001)->instrumentsById.size(), 1u);
-}
-
-TEST_F(NameTableTest, LaterInstrumentWithTheSameIdWinsTheByIdMap) {
-    Names(2101, {{"first", "a01", "A", 1, 1, 0}, {"second", "a02", "A", 1, 2, 0}});
-    CQxInstrument* byId = api->FindMarket(2101)->FindInstrumentByID("A");
-    ASSERT_NE(byId, nullptr);
-    EXPECT_STREQ(byId->marketCode, "a02");
 }
 
 TEST_F(NameTableTest, UnknownMarketIsDropped) {
@@ -307,10 +267,8 @@ TEST_F(NameTableTest, FullWidthTextsAreTerminated) {
     Names(2001, {{name, code, exch, 1, 0, 0}});
     CQxInstrument* inst = Inst(2001, code.c_str());
     ASSERT_NE(inst, nullptr);
-    EXPECT_EQ(std::string(inst->name), name);
-    EXPECT_EQ(std::string(inst->exchangeCode), exch);
-    EXPECT_EQ(std::string(inst->depth.InstrumentID), code);
-    EXPECT_EQ(std::string(inst->depth.ExchangeInstID), exch);
+    EXPECT_EQ(Texts({inst->name, inst->exchangeCode, inst->depth.InstrumentID, inst->depth.ExchangeInstID}),
+              (std::vector<std::string>{name, exch, code, exch}));
 }
 
 TEST_F(NameTableTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {

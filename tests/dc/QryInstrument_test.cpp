@@ -10,18 +10,13 @@ using namespace orvex_test;
 
 namespace {
 
-MarketStatusRow Market(uint16_t id, uint32_t day = 20240102) {
-    MarketStatusRow r;
-    r.market = id;
-    r.tradingDay = r.secondDay = day;
-    r.timeWord = 93000000;
-    r.status = 1;
-    return r;
-}
+MarketStatusRow Market(uint16_t id, uint32_t day = 20240102) { return {id, day, 1, 0, day, 93000000}; }
+
+// Copies of C strings, so that several text fields are compared in one check.
+std::vector<std::string> Texts(std::initializer_list<const char*> texts) { return {texts.begin(), texts.end()}; }
 
 COrvexWiraQryInstrumentField Query(const char* exchange, const char* instrument = "") {
-    COrvexWiraQryInstrumentField q;
-    std::memset(&q, 0, sizeof(q));
+    COrvexWiraQryInstrumentField q{};
     std::strncpy(q.ExchangeID, exchange, sizeof(q.ExchangeID) - 1);
     std::strncpy(q.InstrumentID, instrument, sizeof(q.InstrumentID) - 1);
     return q;
@@ -79,49 +74,30 @@ TEST_F(QryInstrumentTest, QueryIsCopiedWhenQueuedAndANullOneRefused) {
     std::memset(&q, 0, sizeof(q));
     ASSERT_EQ(api->m_qryQueue.size(), 1u);
     EXPECT_EQ(api->m_qryQueue[0].nRequestID, 9);
-    EXPECT_STREQ(api->m_qryQueue[0].query.ExchangeID, "SHFE");
-    EXPECT_STREQ(api->m_qryQueue[0].query.InstrumentID, "cu2403");
+    EXPECT_EQ(Texts({api->m_qryQueue[0].query.ExchangeID, api->m_qryQueue[0].query.InstrumentID}),
+              (std::vector<std::string>{"SHFE", "cu2403"}));
 }
 
-TEST_F(QryInstrumentTest, ExchangeQueryAnswersEveryInstrumentOfItsMarkets) {
+TEST_F(QryInstrumentTest, QueryAnswersItsExchangeOrAllMarketsInIdOrderOrOneErrorForAnUnknownExchange) {
     Ask(Query("SHFE", "cu2405"), 7);   // the instrument does not narrow the answer
+    Ask(Query(""), 3);
+    Ask(Query("XYZ"), 4);
     api->CheckQryInstrument();
-    EXPECT_EQ(Answered(), (std::vector<std::string>{"7:cu2403", "7:cu2405!"}));
+    ASSERT_EQ(Answered(), (std::vector<std::string>{"7:cu2403", "7:cu2405!", "3:cu2403", "3:cu2405", "3:a2405!",
+                                                    "4:-!"}));
+    EXPECT_TRUE(api->m_qryQueue.empty());
     const InstrumentAnswer& a = hookSpi.instruments[0];
-    EXPECT_STREQ(a.rec.ExchangeID, "SHFE");
-    EXPECT_STREQ(a.rec.ExchangeInstID, "CU2403");
+    EXPECT_EQ(Texts({a.rec.ExchangeID, a.rec.ExchangeInstID}), (std::vector<std::string>{"SHFE", "CU2403"}));
     EXPECT_EQ(a.rec.VolumeMultiple, 5);
     EXPECT_EQ(a.info.ErrorID, 0);
-    EXPECT_TRUE(api->m_qryQueue.empty());
-}
-
-TEST_F(QryInstrumentTest, RecordIsClearedOncePerRunSoShorterNamesStayTerminated) {
-    Ask(Query("SHFE"), 7);
-    api->CheckQryInstrument();
-    ASSERT_EQ(hookSpi.instruments.size(), 2u);
+    // The record is cleared once per run, so a shorter name stays terminated.
     const COrvexWiraInstrumentField& second = hookSpi.instruments[1].rec;
     EXPECT_STREQ(second.InstrumentName, "Cu");
     EXPECT_EQ(std::string(second.InstrumentName + 3, 3), "per");   // rest of the earlier name
     EXPECT_EQ(second.VolumeMultiple, 6);
-}
-
-TEST_F(QryInstrumentTest, QueryWithoutExchangeAnswersAllMarketsInIdOrder) {
-    Ask(Query(""), 3);
-    api->CheckQryInstrument();
-    EXPECT_EQ(Answered(), (std::vector<std::string>{"3:cu2403", "3:cu2405", "3:a2405!"}));
-}
-
-TEST_F(QryInstrumentTest, UnknownExchangeGetsOneErrorAnswer) {
-    Ask(Query("XYZ"), 4);
-    api->CheckQryInstrument();
-    ASSERT_EQ(hookSpi.instruments.size(), 1u);
-    const InstrumentAnswer& a = hookSpi.instruments[0];
-    EXPECT_FALSE(a.hasRecord);
-    EXPECT_EQ(a.info.ErrorID, 1);
-    EXPECT_EQ(std::string(a.info.ErrorMsg), kGbkUnknownExchange);
-    EXPECT_EQ(a.requestId, 4);
-    EXPECT_TRUE(a.isLast);
-    EXPECT_TRUE(api->m_qryQueue.empty());
+    const InstrumentAnswer& error = hookSpi.instruments[5];
+    EXPECT_EQ(error.info.ErrorID, 1);
+    EXPECT_EQ(std::string(error.info.ErrorMsg), kGbkUnknownExchange);
 }
 
 TEST_F(QryInstrumentTest, QueryWaitsForAHalfReceivedNameTable) {
@@ -164,16 +140,14 @@ TEST_F(QryInstrumentTest, WaitingQueriesGoBackAheadOfQueriesMadeMeanwhile) {
                                                     "11:a2405!", "30:a2405!"}));
 }
 
-TEST_F(QryInstrumentTest, NoInstrumentsNoAnswer) {
+TEST_F(QryInstrumentTest, WithoutInstrumentsOrWithoutCallbackObjectQueriesAreDiscarded) {
     Status({Market(5000)});
     Names(5000, {});
     Ask(Query("5000"), 8);
     api->CheckQryInstrument();
     EXPECT_TRUE(hookSpi.instruments.empty());
     EXPECT_TRUE(api->m_qryQueue.empty());
-}
 
-TEST_F(QryInstrumentTest, WithoutCallbackObjectQueriesAreDiscarded) {
     api->RegisterSpi(nullptr);
     Ask(Query("SHFE"), 1);
     api->CheckQryInstrument();
@@ -242,16 +216,14 @@ TEST_F(QxsfAnswerTest, ContractFieldsAreMergedWithTheModel) {
     api->CheckQXSFQryInstrument();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"12:cu2403", "12:cu2405!"}));
     const COrvexWiraInstrumentField& first = hookSpi.instruments[0].rec;
-    EXPECT_STREQ(first.InstrumentID, "cu2403");   // the model's code wins
-    EXPECT_STREQ(first.ExchangeInstID, "CU2403");
-    EXPECT_EQ(first.Number13, 0.5);
-    EXPECT_STREQ(first.Text4, "20170315");
-    EXPECT_EQ(first.VolumeMultiple, 5);
+    // The model's code wins; the contract's Text4 is merged in.
+    EXPECT_EQ(Texts({first.InstrumentID, first.ExchangeInstID, first.Text4}),
+              (std::vector<std::string>{"cu2403", "CU2403", "20170315"}));
+    EXPECT_EQ(std::make_pair(first.Number13, first.VolumeMultiple), std::make_pair(0.5, 5));
     // No contract record: the previous instrument's contract fields carry over.
     const COrvexWiraInstrumentField& second = hookSpi.instruments[1].rec;
     EXPECT_EQ(second.Number13, 0.5);
-    EXPECT_STREQ(second.Text4, "20170315");
-    EXPECT_STREQ(second.ExchangeInstID, "CU2405");
+    EXPECT_EQ(Texts({second.Text4, second.ExchangeInstID}), (std::vector<std::string>{"20170315", "CU2405"}));
     EXPECT_TRUE(api->m_qxsfAnswers.empty());
 }
 

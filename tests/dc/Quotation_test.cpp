@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <tuple>
 
 #include "dc/HandlerKit.h"
 
@@ -10,15 +11,7 @@ using namespace orvex_test;
 
 namespace {
 
-MarketStatusRow Market(uint16_t id, uint8_t status = 1) {
-    MarketStatusRow r;
-    r.market = id;
-    r.tradingDay = 20240102;
-    r.status = status;
-    r.secondDay = 20240102;
-    r.timeWord = 93000500;
-    return r;
-}
+MarketStatusRow Market(uint16_t id, uint8_t status = 1) { return {id, 20240102, status, 0, 20240102, 93000500}; }
 
 // A row whose fields all differ, with each sentinel case present once.
 QuoteRow FullRow() {
@@ -52,6 +45,9 @@ QuoteRow FullRow() {
     r.gapByte = 0x7E;
     return r;
 }
+
+// Copies of C strings, so that several text fields are compared in one check.
+std::vector<std::string> Texts(std::initializer_list<const char*> texts) { return {texts.begin(), texts.end()}; }
 
 QuoteRow Dated(const char* code, int32_t last, uint32_t date = 20240102, uint16_t market = 2001) {
     QuoteRow r;
@@ -96,42 +92,24 @@ TEST_F(QuotationTest, RowBecomesTheDepthRecordFieldByField) {
 
     ASSERT_EQ(spi.depths.size(), 1u);
     const COrvexWiraDepthMarketDataField& d = spi.depths[0];
-    EXPECT_STREQ(d.TradingDay, "20240102");
-    EXPECT_STREQ(d.InstrumentID, "cu2403");
-    EXPECT_STREQ(d.ExchangeID, "SHFE");
-    EXPECT_STREQ(d.ExchangeInstID, "CU2403");
-    EXPECT_EQ(d.LastPrice, 70005.5);
-    EXPECT_EQ(d.PreSettlementPrice, 70002.0);
-    EXPECT_EQ(d.PreClosePrice, 70001.0);
-    EXPECT_EQ(d.PreOpenInterest, 45678.0);
-    EXPECT_EQ(d.OpenPrice, DBL_MAX);
-    EXPECT_EQ(d.HighestPrice, 0.0);
-    EXPECT_EQ(d.LowestPrice, 69999.0);
-    EXPECT_EQ(d.Volume, 1234.0);
-    EXPECT_EQ(d.Turnover, 8.6e9);
-    EXPECT_EQ(d.OpenInterest, DBL_MAX);
-    EXPECT_EQ(d.ClosePrice, 70005.0);
-    EXPECT_EQ(d.SettlementPrice, DBL_MAX);
-    EXPECT_EQ(d.UpperLimitPrice, 77000.0);
-    EXPECT_EQ(d.LowerLimitPrice, 63000.0);
-    EXPECT_EQ(d.PreDelta, DBL_MAX);
-    EXPECT_EQ(d.CurrDelta, DBL_MAX);
-    EXPECT_STREQ(d.UpdateTime, "09:30:15");
+    EXPECT_EQ(Texts({d.TradingDay, d.InstrumentID, d.ExchangeID, d.ExchangeInstID, d.UpdateTime, d.ActionDay}),
+              (std::vector<std::string>{"20240102", "cu2403", "SHFE", "CU2403", "09:30:15", "20240102"}));
     EXPECT_EQ(d.UpdateMillisec, 250);
-    const double bidPrices[5] = {d.BidPrice1, d.BidPrice2, d.BidPrice3, d.BidPrice4, d.BidPrice5};
-    const int bidVolumes[5] = {d.BidVolume1, d.BidVolume2, d.BidVolume3, d.BidVolume4, d.BidVolume5};
-    const double askPrices[5] = {d.AskPrice1, d.AskPrice2, d.AskPrice3, d.AskPrice4, d.AskPrice5};
-    const int askVolumes[5] = {d.AskVolume1, d.AskVolume2, d.AskVolume3, d.AskVolume4, d.AskVolume5};
-    const double expBid[5] = {70005.0, 70004.0, 70003.0, 70002.0, DBL_MAX};
-    const double expAsk[5] = {70006.0, 0.0, 70008.0, 70009.0, 70010.0};
-    for (int k = 0; k < 5; ++k) {
-        EXPECT_EQ(bidPrices[k], expBid[k]) << "bid level " << k + 1;
-        EXPECT_EQ(bidVolumes[k], 21 + k) << "bid level " << k + 1;
-        EXPECT_EQ(askPrices[k], expAsk[k]) << "ask level " << k + 1;
-        EXPECT_EQ(askVolumes[k], 11 + k) << "ask level " << k + 1;
-    }
-    EXPECT_EQ(d.AveragePrice, -1.5);
-    EXPECT_STREQ(d.ActionDay, "20240102");
+    // LastPrice to CurrDelta in record order, then AveragePrice; exact values.
+    EXPECT_EQ((std::vector<double>{d.LastPrice, d.PreSettlementPrice, d.PreClosePrice, d.PreOpenInterest, d.OpenPrice,
+                                   d.HighestPrice, d.LowestPrice, d.Volume, d.Turnover, d.OpenInterest, d.ClosePrice,
+                                   d.SettlementPrice, d.UpperLimitPrice, d.LowerLimitPrice, d.PreDelta, d.CurrDelta,
+                                   d.AveragePrice}),
+              (std::vector<double>{70005.5, 70002.0, 70001.0, 45678.0, DBL_MAX, 0.0, 69999.0, 1234.0, 8.6e9, DBL_MAX,
+                                   70005.0, DBL_MAX, 77000.0, 63000.0, DBL_MAX, DBL_MAX, -1.5}));
+    // Bid levels 1-5, then ask levels 1-5.
+    EXPECT_EQ((std::vector<double>{d.BidPrice1, d.BidPrice2, d.BidPrice3, d.BidPrice4, d.BidPrice5, d.AskPrice1,
+                                   d.AskPrice2, d.AskPrice3, d.AskPrice4, d.AskPrice5}),
+              (std::vector<double>{70005.0, 70004.0, 70003.0, 70002.0, DBL_MAX, 70006.0, 0.0, 70008.0, 70009.0,
+                                   70010.0}));
+    EXPECT_EQ((std::vector<int>{d.BidVolume1, d.BidVolume2, d.BidVolume3, d.BidVolume4, d.BidVolume5, d.AskVolume1,
+                                d.AskVolume2, d.AskVolume3, d.AskVolume4, d.AskVolume5}),
+              (std::vector<int>{21, 22, 23, 24, 25, 11, 12, 13, 14, 15}));
 
     // Alignment bytes stay zero.
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&d);
@@ -145,31 +123,35 @@ TEST_F(QuotationTest, RowBecomesTheDepthRecordFieldByField) {
     // The instrument keeps the row as sent and its own copy of the record.
     EXPECT_EQ(std::memcmp(inst->rawQuote, EncodeQuoteRow(row).data(), kQuoteRowBytes), 0);
     EXPECT_EQ(std::memcmp(&inst->depth, &d, sizeof(d)), 0);
-    EXPECT_EQ(inst->quoteDate, 20240102u);
-    EXPECT_EQ(inst->quoteTime, 93015250u);
-    EXPECT_EQ(inst->pushedDate, 0u);
+    EXPECT_EQ(std::make_tuple(inst->quoteDate, inst->quoteTime, inst->pushedDate),
+              std::make_tuple(20240102u, 93015250u, 0u));
 }
 
-TEST_F(QuotationTest, UndatedRowOfANeverDatedInstrumentIsStoredButNotReported) {
+TEST_F(QuotationTest, UndatedRowIsStoredAndReportedOnlyOnceTheInstrumentWasDated) {
+    // Never dated: stored, not reported.
     Quotes(2001, {Dated("cu2403", 700100, 0)});
     EXPECT_TRUE(spi.depths.empty());
     EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
     EXPECT_EQ(Inst(2001, "cu2403")->quoteDate, 0u);
-}
 
-TEST_F(QuotationTest, UndatedRowKeepsTheEarlierDateAndIsReported) {
+    // Dated once: a later undated row keeps the earlier date and is reported.
     Quotes(2001, {Dated("cu2403", 700100, 20240102)});
     QuoteRow later = Dated("cu2403", 700200, 0);
     later.packedTime = PackQuoteTime(10, 0, 0, 0);
     Quotes(2001, {later});
     ASSERT_EQ(spi.depths.size(), 2u);
     EXPECT_EQ(spi.depths[1].LastPrice, 70020.0);
-    EXPECT_STREQ(spi.depths[1].ActionDay, "20240102");
-    EXPECT_STREQ(spi.depths[1].UpdateTime, "10:00:00");
+    EXPECT_EQ(Texts({spi.depths[1].ActionDay, spi.depths[1].UpdateTime}),
+              (std::vector<std::string>{"20240102", "10:00:00"}));
     EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93100000u);
 }
 
-TEST_F(QuotationTest, NothingIsDeliveredWithoutTheSnapshotFlag) {
+TEST_F(QuotationTest, RowsAreStoredButNotDeliveredWithoutACallbackObjectOrTheSnapshotFlag) {
+    api->RegisterSpi(nullptr);
+    Quotes(2001, {Dated("cu2403", 700100)});
+    EXPECT_TRUE(spi.Events().empty());   // completion makes no call either
+    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
+
     MakeApi(false);
     Build();
     Quotes(2001, {Dated("cu2403", 700100)});
@@ -193,23 +175,19 @@ TEST_F(QuotationTest, SubscriptionModeDeliversSubscribedInstrumentsAndWholeExcha
     EXPECT_EQ(Depths().back(), "cu2403");
 }
 
-TEST_F(QuotationTest, LevelChoosesWhichFeedIsRead) {
-    Quotes(2011, {Dated("cu2403", 700100, 20240102, 2011)});
-    EXPECT_TRUE(spi.depths.empty());
-    EXPECT_EQ(api->FindMarket(2011)->FindInstrument("cu2403")->quoteDate, 0u);
-
-    api->m_nLevel = 1;
-    Quotes(2001, {Dated("cu2403", 700100)});
-    Quotes(2011, {Dated("cu2403", 700300, 20240102, 2011)});
-    ASSERT_EQ(spi.depths.size(), 1u);
-    EXPECT_EQ(spi.depths[0].LastPrice, 70030.0);
-}
-
-TEST_F(QuotationTest, UnknownInstrumentsAndMarketsAreSkipped) {
+TEST_F(QuotationTest, OnlyKnownInstrumentsOfMarketsOfTheChosenLevelAreRead) {
+    Quotes(2011, {Dated("cu2403", 700200, 20240102, 2011)});   // the deep feed: not at level 0
     Quotes(2001, {Dated("zz9999", 1), Dated("cu2403", 700100)});
     Quotes(4242, {Dated("cu2403", 700900, 20240102, 4242)});
     ASSERT_EQ(spi.depths.size(), 1u);
     EXPECT_EQ(spi.depths[0].LastPrice, 70010.0);
+    EXPECT_EQ(api->FindMarket(2011)->FindInstrument("cu2403")->quoteDate, 0u);
+
+    api->m_nLevel = 1;
+    Quotes(2001, {Dated("cu2403", 700500)});
+    Quotes(2011, {Dated("cu2403", 700300, 20240102, 2011)});
+    ASSERT_EQ(spi.depths.size(), 2u);
+    EXPECT_EQ(spi.depths[1].LastPrice, 70030.0);
 }
 
 TEST_F(QuotationTest, CompletesOnlyWithTheLastPacketAndItsLastRow) {
@@ -227,27 +205,23 @@ TEST_F(QuotationTest, CompletesOnlyWithTheLastPacketAndItsLastRow) {
 
     // Every exchange's main market, in key order, with its status.
     ASSERT_EQ(spi.statuses.size(), 2u);
-    EXPECT_STREQ(spi.statuses[0].ExchangeID, "DCE");
-    EXPECT_EQ(spi.statuses[0].MarketStatus, '4');
-    EXPECT_STREQ(spi.statuses[1].ExchangeID, "SHFE");
-    EXPECT_EQ(spi.statuses[1].MarketStatus, '2');
-    EXPECT_STREQ(spi.statuses[1].TradingDay, "20240102");
-    EXPECT_STREQ(spi.statuses[1].UpdateTime, "09:30:00");
+    EXPECT_EQ(Texts({spi.statuses[0].ExchangeID, spi.statuses[1].ExchangeID, spi.statuses[1].TradingDay,
+                     spi.statuses[1].UpdateTime}),
+              (std::vector<std::string>{"DCE", "SHFE", "20240102", "09:30:00"}));
+    EXPECT_EQ(std::string({spi.statuses[0].MarketStatus, spi.statuses[1].MarketStatus}), "42");
 }
 
-TEST_F(QuotationTest, MainMarketStatusSevenIsReportedAsSix) {
+TEST_F(QuotationTest, EmptyOrNotAdmittedMarketStillCompletesAndMainStatusSevenIsReportedAsSix) {
+    Quotes(2011, {});
+    EXPECT_EQ(spi.statuses.size(), 2u);
+    Quotes(4242, {});
+    EXPECT_EQ(spi.statuses.size(), 4u);
+
     Status({Market(2001, 7)});
     spi.statuses.clear();
     Quotes(2001, {});
     ASSERT_EQ(spi.statuses.size(), 2u);
     EXPECT_EQ(spi.statuses[1].MarketStatus, '6');
-}
-
-TEST_F(QuotationTest, EmptyMarketOrNotAdmittedMarketStillCompletes) {
-    Quotes(2011, {});
-    EXPECT_EQ(spi.statuses.size(), 2u);
-    Quotes(4242, {});
-    EXPECT_EQ(spi.statuses.size(), 4u);
 }
 
 TEST_F(QuotationTest, HeldDynamicInformationIsReplayedInOrderBeforeTheStatusReports) {
@@ -267,20 +241,10 @@ TEST_F(QuotationTest, HeldDynamicInformationIsReplayedInOrderBeforeTheStatusRepo
     EXPECT_TRUE(api->m_heldDynainfo.empty());
     std::vector<std::string> events = spi.Events();
     ASSERT_EQ(events.size(), 4u);
-    EXPECT_EQ(events[0], "depth:cu2403");
-    EXPECT_EQ(events[1], "depth:cu2403");
-    EXPECT_EQ(events[2].rfind("status:", 0), 0u);
+    EXPECT_EQ(events[0] + " " + events[1] + " " + events[2].substr(0, 7), "depth:cu2403 depth:cu2403 status:");
     ASSERT_EQ(spi.depths.size(), 3u);
-    EXPECT_EQ(spi.depths[1].LastPrice, 70030.0);
-    EXPECT_EQ(spi.depths[2].LastPrice, 70040.0);
+    EXPECT_EQ(std::make_pair(spi.depths[1].LastPrice, spi.depths[2].LastPrice), std::make_pair(70030.0, 70040.0));
     EXPECT_EQ(Inst(2001, "cu2403")->quoteTime, 93021000u);
-}
-
-TEST_F(QuotationTest, CompletionWithoutCallbackObjectMakesNoCall) {
-    api->RegisterSpi(nullptr);
-    Quotes(2001, {Dated("cu2403", 700100)});
-    EXPECT_TRUE(spi.Events().empty());
-    EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
 }
 
 TEST_F(QuotationTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {

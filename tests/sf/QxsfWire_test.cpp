@@ -18,17 +18,16 @@ T Zeroed() {
     return v;
 }
 
-int ReadInt(const char* p) {
-    int v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-
 short ReadShort(const char* p) {
     short v;
     std::memcpy(&v, p, 2);
     return v;
 }
+
+// A text field of n bytes: text padded with NULs.
+std::string Pad(const std::string& text, size_t n) { return text + std::string(n - text.size(), '\0'); }
+
+std::string Le32(int v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
 
 std::vector<unsigned char> RandomBytes(size_t n, unsigned seed) {
     std::mt19937 gen(seed);
@@ -83,17 +82,10 @@ TEST(QxsfWireLayout, LoginRequestFieldOffsets) {
     char out[200];
     std::memset(out, 0x7E, sizeof(out));
     ASSERT_EQ(126, to_stream(req, out));
-    EXPECT_EQ(std::string(32, 'u'), std::string(out, 32));
-    EXPECT_EQ(0, std::memcmp(out + 32, "secret\0\0", 8));
-    EXPECT_EQ(0x01020304, ReadInt(out + 64));
-    EXPECT_EQ(0, std::memcmp(out + 68, "1.0.0.1\0", 8));
-    EXPECT_EQ(0, std::memcmp(out + 76, "QXSFC\0\0\0", 8));
-    EXPECT_EQ(5, out[84]);
-    EXPECT_EQ(1, out[85]);
-    EXPECT_EQ(std::string(20, '\0'), std::string(out + 86, 20));
-    EXPECT_EQ(0x0A0B, ReadShort(out + 106));
-    EXPECT_EQ('m', out[125]);
-    EXPECT_EQ(0x7E, out[126]);   // nothing written past the structure
+    // Every byte, plus one past the structure that must stay untouched.
+    EXPECT_EQ(std::string(32, 'u') + Pad("secret", 32) + Le32(0x01020304) + Pad("1.0.0.1", 8) + Pad("QXSFC", 8) +
+                  "\x05\x01" + Pad("", 20) + "\x0B\x0A" + Pad("", 17) + "m\x7E",
+              std::string(out, 127));
 }
 
 TEST(QxsfWireLayout, FileRequestFieldOffsets) {
@@ -105,11 +97,9 @@ TEST(QxsfWireLayout, FileRequestFieldOffsets) {
     req.Offset = 0;
     char out[300];
     ASSERT_EQ(281, to_stream(req, out));
-    EXPECT_EQ(2, out[0]);
-    EXPECT_STREQ("contract\\shfe_base_1.json", out + 1);
-    EXPECT_EQ(0, std::memcmp(out + 257, req.Md5, 16));
-    EXPECT_EQ(4097, ReadInt(out + 273));
-    EXPECT_EQ(0, ReadInt(out + 277));
+    EXPECT_EQ("\x02" + Pad("contract\\shfe_base_1.json", 256) +
+                  std::string(reinterpret_cast<const char*>(req.Md5), 16) + Le32(4097) + Le32(0),
+              std::string(out, 281));
 }
 
 TEST(QxsfWireLayout, MarketListEntriesAreElevenBytes) {
@@ -119,21 +109,14 @@ TEST(QxsfWireLayout, MarketListEntriesAreElevenBytes) {
     char out[32];
     ASSERT_EQ(4, to_stream(count, out));
     ASSERT_EQ(11, to_stream(code, out + 4));
-    EXPECT_EQ(2, ReadInt(out));
-    EXPECT_EQ(0, std::memcmp(out + 4, "shfe\0\0\0\0\0\0\0", 11));
+    EXPECT_EQ(Le32(2) + Pad("shfe", 11), std::string(out, 15));
 }
 
 TEST(QxsfWireReaders, TransferInfoAtItsOffsets) {
-    std::vector<char> wire(293, 0);
-    int v = 77;
-    std::memcpy(&wire[0], &v, 4);
-    wire[4] = 9;
-    std::memset(&wire[5], 'p', 256);   // a path filling its field
-    for (int i = 0; i < 16; ++i) wire[261 + i] = static_cast<char>(i + 1);
-    v = 12345;
-    std::memcpy(&wire[285], &v, 4);
-    v = 100;
-    std::memcpy(&wire[289], &v, 4);
+    std::string md5;
+    for (int i = 1; i <= 16; ++i) md5 += static_cast<char>(i);
+    // Id, part, a path filling its field, digest, time, size, start.
+    const std::string wire = Le32(77) + '\x09' + std::string(256, 'p') + md5 + Pad("", 8) + Le32(12345) + Le32(100);
 
     _FileTransferInfo info = Zeroed<_FileTransferInfo>();
     EXPECT_EQ(0, from_stream(info, wire.data(), 292));
@@ -152,8 +135,7 @@ TEST(QxsfWireReaders, BlockNeedsItsFullDataAreaWhateverDataLength) {
     block.Data[99] = 'z';
     std::vector<char> wire(4106);
     ASSERT_EQ(4106, qxsfsim::to_stream(block, wire.data()));
-    EXPECT_EQ(8192, ReadInt(&wire[4]));
-    EXPECT_EQ(100, ReadShort(&wire[8]));
+    EXPECT_EQ(Le32(8192) + std::string("\x64\0", 2), std::string(&wire[4], 6));   // offset, data length
 
     _FileTransferBlock back = Zeroed<_FileTransferBlock>();
     EXPECT_EQ(0, from_stream(back, wire.data(), 10 + 100));
@@ -197,22 +179,27 @@ TEST(QxsfWireReaders, PrimitivesRefuseShortInput) {
     EXPECT_EQ('\0', text[4]);
 }
 
-TEST(QxsfCompression, LoginBodyGoesOutRaw) {
-    std::vector<unsigned char> body(126, 0);
-    char out[4096];
-    _MainPkgHead head{'@', 1, 2, 0, 0};
-    ASSERT_EQ(7 + 126, QxsfEncodePackage(head, body.data(), 126, out, sizeof(out)));
-    _MainPkgHead sent{};
-    from_stream(sent, out, 7);
-    EXPECT_EQ(0, sent.Flags);
-    EXPECT_EQ(126, sent.BodyLength);
-}
-
-TEST(QxsfCompression, BodiesUnder128AreNeverCompressed) {
-    std::vector<unsigned char> body(127, 0);
-    char out[4096];
-    ASSERT_EQ(7 + 127, QxsfEncodePackage(_MainPkgHead{'@', 1, 90, 0, 0}, body.data(), 127, out, sizeof(out)));
-    EXPECT_EQ(0, out[4]);
+TEST(QxsfCompression, ShortIncompressibleAndEmptyBodiesGoOutRawWithFlagCleared) {
+    const std::vector<unsigned char> login(126, 0), under128(127, 0), noise = RandomBytes(300, 7), none;
+    const struct {
+        const char* name;
+        _MainPkgHead head;
+        const std::vector<unsigned char>& body;
+    } cases[] = {
+        {"login body", {'@', 1, 2, 0, 0}, login},
+        {"under 128 bytes", {'@', 1, 90, 0, 0}, under128},
+        {"incompressible, the caller's stale flag set", {'@', 2, 3, QXSF_FLAG_COMPRESSED, 0}, noise},
+        {"empty: the head alone", {'@', 9, 2, QXSF_FLAG_COMPRESSED, 55}, none},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string("case ") + c.name);
+        const int n = static_cast<int>(c.body.size());
+        char out[4096];
+        ASSERT_EQ(7 + n, QxsfEncodePackage(c.head, n ? c.body.data() : nullptr, n, out, sizeof(out)));
+        EXPECT_EQ(0, out[4]);   // flags
+        EXPECT_EQ(n, ReadShort(out + 5));
+        EXPECT_EQ(std::string(c.body.begin(), c.body.end()), std::string(out + 7, n));
+    }
 }
 
 TEST(QxsfCompression, CompressibleMarketListIsSentDeflated) {
@@ -233,30 +220,10 @@ TEST(QxsfCompression, CompressibleMarketListIsSentDeflated) {
     EXPECT_EQ(0, std::memcmp(inflated, body.data(), 136));
 }
 
-TEST(QxsfCompression, IncompressibleBodyGoesOutRawWithFlagCleared) {
-    std::vector<unsigned char> body = RandomBytes(300, 7);
-    char out[4096];
-    // A caller's stale flag bit is cleared.
-    int total = QxsfEncodePackage(_MainPkgHead{'@', 2, 3, QXSF_FLAG_COMPRESSED, 0}, body.data(), 300, out, sizeof(out));
-    ASSERT_EQ(7 + 300, total);
-    EXPECT_EQ(0, out[4]);
-    EXPECT_EQ(0, std::memcmp(out + 7, body.data(), 300));
-}
-
-TEST(QxsfCompression, EmptyBodySendsTheHeadAlone) {
-    char out[4096];
-    ASSERT_EQ(7, QxsfEncodePackage(_MainPkgHead{'@', 9, 2, QXSF_FLAG_COMPRESSED, 55}, nullptr, 0, out, sizeof(out)));
-    EXPECT_EQ(0, out[4]);
-    EXPECT_EQ(0, ReadShort(out + 5));
-}
-
-TEST(QxsfCompression, BodyThatFitsNeitherWayIsRefused) {
+TEST(QxsfCompression, BodyThatFitsNeitherWayIsRefusedAndInflateIsBounded) {
     std::vector<unsigned char> body = RandomBytes(5000, 3);
-    char out[4096];
-    EXPECT_EQ(-1, QxsfEncodePackage(_MainPkgHead{'@', 2, 90, 0, 0}, body.data(), 5000, out, sizeof(out)));
-}
-
-TEST(QxsfCompression, InflateIsBoundedByItsBuffer) {
+    char buffer[4096];
+    EXPECT_EQ(-1, QxsfEncodePackage(_MainPkgHead{'@', 2, 90, 0, 0}, body.data(), 5000, buffer, sizeof(buffer)));
     std::vector<char> big(9000, 0);
     std::vector<char> wire = qxsfsim::EncodePackage(1, 90, big, true);
     ASSERT_EQ(QXSF_FLAG_COMPRESSED, wire[4]);
