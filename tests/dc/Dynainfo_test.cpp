@@ -230,6 +230,30 @@ TEST_F(DynainfoTest, RebuiltMarketListIsLookedUpAfresh) {
     EXPECT_NE(LogText().find("Can not find Family:cu2403"), std::string::npos);
 }
 
+TEST_F(DynainfoTest, CodesOfEveryLengthUpToTheFullFieldFindTheirInstrument) {
+    // The row's code field is 21 bytes: codes shorter than it end at a NUL,
+    // a 21-character code fills it without one.
+    const std::vector<std::string> codes = {"a", "abcdefghijklmno", "abcdefghijklmnop", "abcdefghijklmnopq",
+                                            "abcdefghijklmnopqrst", "abcdefghijklmnopqrstu"};
+    std::vector<NameRow> rows;
+    for (const std::string& c : codes) rows.push_back({"N", c, "X" + c.substr(0, 20), 10, 1, 0});
+    Names(2000, rows);
+    api->FindMarket(2000)->secondDay = 20240102;
+    api->FindMarket(2000)->timeWord = 93000000;
+    std::string body;
+    for (size_t i = 0; i < codes.size(); ++i) {
+        const unsigned ms = static_cast<unsigned>(i);
+        body += DynaPushRecord(ms, At(codes[i].c_str(), 9, 30, 1, ms, 700300, 2000));
+    }
+    Dyna(body);
+    ASSERT_EQ(spi.depths.size(), codes.size());
+    for (size_t i = 0; i < codes.size(); ++i) {
+        const CQxInstrument* inst = Inst(2000, codes[i].c_str());
+        ASSERT_NE(inst, nullptr) << codes[i];
+        EXPECT_EQ(inst->quoteTime, 93001000u + i) << codes[i];
+    }
+}
+
 TEST_F(DynainfoTest, NeverDatedInstrumentStartsFromTheMarketClock) {
     Clock(0, 0, 20240102, 93000000);
     Dyna(DynaPushRecord(1, At("cu2403", 9, 29, 0, 0, 700300)));
