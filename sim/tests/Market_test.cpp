@@ -13,22 +13,12 @@
 
 #include "Catalog.h"
 #include "Market.h"
+#include "SimClock.h"
 #include "MarketRecord.h"
 
 using namespace qxsim;
 
 namespace {
-
-// 2024-12-03 10:00:00 local time.
-int64_t Morning() {
-    struct tm t = {};
-    t.tm_year = 124;
-    t.tm_mon = 11;
-    t.tm_mday = 3;
-    t.tm_hour = 10;
-    t.tm_isdst = -1;
-    return static_cast<int64_t>(mktime(&t)) * 1000;
-}
 
 std::set<std::string> Codes(const std::vector<Contract>& contracts) {
     std::set<std::string> out;

@@ -10,6 +10,7 @@
 
 #include "FileSession.h"
 #include "Market.h"
+#include "SimClock.h"
 #include "QuoteSession.h"
 #include "protocol/DcFrames.h"
 #include "protocol/QxsfServerCodec.h"
@@ -20,16 +21,6 @@ using orvex_test::CutDcFrames;
 using orvex_test::DcFrame;
 
 namespace {
-
-int64_t Morning() {
-    struct tm t = {};
-    t.tm_year = 124;
-    t.tm_mon = 11;
-    t.tm_mday = 3;
-    t.tm_hour = 10;
-    t.tm_isdst = -1;
-    return static_cast<int64_t>(mktime(&t)) * 1000;
-}
 
 template <class T>
 T Rd(const std::string& s, size_t offset) {
