@@ -11,8 +11,13 @@
 
 #include "base/Clock.h"
 #include "codec/DataPackage.h"
-#include "dc/QxsfAnswer.h"
 #include "sf/QXSFThread.h"
+
+namespace {
+
+const char kAccessFile[] = ".//qxmktaccess.xml";
+
+}  // namespace
 
 COrvexWiraMdApi* COrvexWiraMdApi::CreateWiraMdApi(const char* flowPath, bool, bool, bool deliverSnapshot) {
     LoadPackageTemplate("./qxdctrans.xml");
@@ -23,7 +28,28 @@ extern "C" COrvexWiraMdApi* CreateWiraMdApi(const char* flowPath, bool udp, bool
     return COrvexWiraMdApi::CreateWiraMdApi(flowPath, udp, multicast, deliverSnapshot);
 }
 
-CDCThread::CDCThread(const char* flowPath, bool deliverSnapshot) : m_bDeliverSnapshot(deliverSnapshot) {
+CIniFile CDCThread::ReadConfig() {
+    CIniFile config;
+    config.SetPath("./OrvexWiraMdApi.def");
+    config.CaseInsensitive();
+    config.ReadFile();
+    return config;
+}
+
+MdEngineSettings CDCThread::ReadSettings(const CIniFile& config, bool deliverSnapshot) {
+    MdEngineSettings s;
+    s.deliverSnapshot = deliverSnapshot;
+    s.log = config.GetValueB("CONFIG", "Log", false);
+    s.subscribe = config.GetValueB("CONFIG", "Subscribe", false);
+    s.deltaQuot = config.GetValueB("CONFIG", "DeltaQuot", false);
+    s.level = config.GetValueI("CONFIG", "Level", 0);
+    s.domesticExchanges = config.GetValueB("CONFIG", "DomesticExchanges", false);
+    s.config = &config;
+    return s;
+}
+
+CDCThread::CDCThread(const char* flowPath, bool deliverSnapshot)
+    : m_config(ReadConfig()), m_engine(*this, ReadSettings(m_config, deliverSnapshot)) {
     std::memset(m_szFlowPath, 0, sizeof(m_szFlowPath));
     if (flowPath && *flowPath) {
         size_t n = strnlen(flowPath, sizeof(m_szFlowPath) - 2);
@@ -32,24 +58,9 @@ CDCThread::CDCThread(const char* flowPath, bool deliverSnapshot) : m_bDeliverSna
     } else {
         std::strcpy(m_szFlowPath, "./");
     }
-    std::memset(m_szTradingDay, 0, sizeof(m_szTradingDay));
     std::memset(m_loginRequest, 0, sizeof(m_loginRequest));
-    std::memset(m_loginAnswer1, 0, sizeof(m_loginAnswer1));
-    std::memset(m_loginAnswer, 0, sizeof(m_loginAnswer));
-    std::memset(m_storedMarketList, 0, sizeof(m_storedMarketList));
-    std::memset(m_szLoginMsg, 0, sizeof(m_szLoginMsg));
-
-    m_config.SetPath("./OrvexWiraMdApi.def");
-    m_config.CaseInsensitive();
-    m_config.ReadFile();
-    m_bLog = m_config.GetValueB("CONFIG", "Log", false);
-    m_bSubscribe = m_config.GetValueB("CONFIG", "Subscribe", false);
-    m_bDeltaQuot = m_config.GetValueB("CONFIG", "DeltaQuot", false);
-    m_nLevel = m_config.GetValueI("CONFIG", "Level", 0);
-    m_bDomesticExchanges = m_config.GetValueB("CONFIG", "DomesticExchanges", false);
-
+    m_bLog = m_engine.Settings().log;
     m_bAbnormalEnd = false;
-    m_access.Reset();
     m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
@@ -57,14 +68,9 @@ CDCThread::~CDCThread() {
     m_bRunning = false;
     Wake();
     m_thread.StopThread();
-    {
-        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-        Reset();
-    }
+    Reset(kReasonServerClosed);
     for (CQXSFThread* worker : m_qxsfWorkers) worker->Release();
     m_qxsfWorkers.clear();
-    for (CQxsfRsp* answer : m_qxsfAnswers) delete answer;
-    m_qxsfAnswers.clear();
     if (m_bAbnormalEnd && m_bLog) DumpLog("AbNormal Terminate Thread");
     if (m_wakeFd >= 0) close(m_wakeFd);
 }
@@ -90,7 +96,7 @@ int CDCThread::Join() {
     return 0;
 }
 
-const char* CDCThread::GetTradingDay() { return m_szTradingDay; }
+const char* CDCThread::GetTradingDay() { return m_engine.TradingDay(); }
 
 void CDCThread::RegisterFront(char* address) {
     if (m_bRunning || !address) return;
@@ -116,7 +122,7 @@ void CDCThread::RegisterNameServer(char*) {}
 
 void CDCThread::RegisterFensUserInfo(COrvexWiraFensUserInfoField*) {}
 
-void CDCThread::RegisterSpi(COrvexWiraMdSpi* spi) { m_pSpi.store(spi, std::memory_order_release); }
+void CDCThread::RegisterSpi(COrvexWiraMdSpi* spi) { m_engine.SetSpi(spi); }
 
 int CDCThread::ReqUserLogout(COrvexWiraUserLogoutField*, int) { return 0; }
 
@@ -142,41 +148,68 @@ void CDCThread::Log(const char* format, ...) {
     DumpLog(text);
 }
 
-void CDCThread::Reset() {
-    std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+bool CDCThread::CloseLocked() {
     int64_t sock = m_socket.exchange(-1);
-    if (sock != -1) {
+    const bool wasOpen = sock != -1;
+    if (wasOpen) {
         if (sock >= 0) close(static_cast<int>(sock));
         Wake();
-        if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLost(m_nDisconnectReason.load());
         if (!m_bLoginAnswered && m_fronts.size() > 1 && m_nCurrentFront >= 0 &&
             m_nCurrentFront < static_cast<int>(m_fronts.size())) {
             m_fronts[m_nCurrentFront].usable = false;
         }
     }
-    m_nDisconnectReason = 0;
     // The receive buffer is the worker's; it is emptied when the next
     // connection is made, so a reset from the caller's thread never touches
     // it while the worker cuts frames.
     m_bLoginSent = false;
     m_bLoginAnswered = false;
-    std::lock_guard<std::mutex> accessLock(m_accessLock);
-    m_access.allAccess = false;
-    m_access.savedAllAccess = false;
+    m_engine.UseAccess([](CFamilyAccess& access) {
+        access.allAccess = false;
+        access.savedAllAccess = false;
+    });
+    return wasOpen;
 }
 
-void CDCThread::ResetWithReason(int reason) {
+void CDCThread::ReportLost(int reason) {
+    if (COrvexWiraMdSpi* spi = m_engine.Spi()) spi->OnFrontLost(reason);
+}
+
+void CDCThread::Reset(int reason) {
+    bool wasOpen;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        wasOpen = CloseLocked();
+    }
+    if (wasOpen) ReportLost(reason);
+}
+
+void CDCThread::LoginRefused(int code) {
+    bool wasOpen;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        wasOpen = CloseLocked();
+        if (m_nCurrentFront >= 0 && m_nCurrentFront < static_cast<int>(m_fronts.size()))
+            m_fronts[m_nCurrentFront].usable = false;
+    }
+    if (wasOpen) ReportLost(code == 9 ? kReasonLoginCode9 : code == 8 ? kReasonLoginCode8 : kReasonLoginOther);
+}
+
+void CDCThread::FillLoginIdentity(COrvexWiraRspUserLoginField* rsp) {
     std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-    m_nDisconnectReason = reason;
-    Reset();
+    const COrvexWiraReqUserLoginField* req = reinterpret_cast<const COrvexWiraReqUserLoginField*>(m_loginRequest);
+    std::memcpy(rsp->BrokerID, req->BrokerID, strnlen(req->BrokerID, sizeof(rsp->BrokerID) - 1));
+    std::memcpy(rsp->UserID, req->UserID, strnlen(req->UserID, sizeof(rsp->UserID) - 1));
+    rsp->FrontID = m_nCurrentFront;
 }
 
-void CDCThread::LoadFamilyAccess() {
-    std::lock_guard<std::mutex> lock(m_accessLock);
-    m_access.Load(".//qxmktaccess.xml");
+void CDCThread::SaveMarketAccess(const CFamilyAccess& access) {
+    access.Save(kAccessFile);
 }
 
-void CDCThread::SaveFamilyAccess() {
-    std::lock_guard<std::mutex> lock(m_accessLock);
-    m_access.Save(".//qxmktaccess.xml");
+bool CDCThread::MayDispatch() { return m_bRunning || !m_thread.IsActive(); }
+
+void CDCThread::AttachSocketForTest(int fd) {
+    std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+    m_socket = fd;
 }

@@ -102,7 +102,7 @@ bool ResolveAndConnect(int sock, const _FrontInfo& front, const std::atomic<bool
 
 int CDCThread::WaitTimeoutMs(uint32_t lastHeartBeat) const {
     // File-service workers and their answers are polled, not signalled.
-    if (!m_qxsfWorkers.empty() || !m_qxsfAnswers.empty()) return 2;
+    if (!m_qxsfWorkers.empty() || m_engine.FileAnswersWaiting() != 0) return 2;
     // Otherwise wake for the next heartbeat and at least every 100 ms for
     // the clock checks (daily reconnect, daily file check).
     uint32_t since = orvex::NowTick() - lastHeartBeat;
@@ -117,7 +117,7 @@ void* CDCThread::WorkThread(void* arg) {
 
 void CDCThread::WorkLoop() {
     if (m_bLog) Log("WorkThread Start, ThreadID : 0x%08x", static_cast<unsigned>(pthread_self()));
-    LoadFamilyAccess();
+    m_engine.UseAccess([](CFamilyAccess& access) { access.Load(".//qxmktaccess.xml"); });
     orvex::SeedRandom(static_cast<unsigned>(orvex::NowTime()));
     m_bAbnormalEnd = true;
     m_nCurrentFront = -1;
@@ -136,7 +136,7 @@ void CDCThread::WorkLoop() {
                 int today, now;
                 localClock.Read(&today, &now);
                 if (m_nLastConnectDay != today && now >= reconnectTime) {
-                    ResetWithReason(kReasonServerClosed);
+                    Reset(kReasonServerClosed);
                     continue;
                 }
                 if (lastFileCheckDay != today) {
@@ -156,13 +156,7 @@ void CDCThread::WorkLoop() {
             }
 
             if (!IsConnected()) continue;
-            CheckQryInstrument();
-            CheckQXSF();
-            CheckQXSFQryInstrument();
-            if (m_bSubscribe) {
-                CheckSubscribeInfo();
-                CheckUnSubscribeInfo();
-            }
+            ServeQueues();
 
             int64_t sock = m_socket.load();
             if (sock >= 0) {
@@ -174,11 +168,8 @@ void CDCThread::WorkLoop() {
                 int rc = poll(fds, m_wakeFd >= 0 ? 2 : 1, WaitTimeoutMs(lastHeartBeat));
                 if (rc < 0 && errno == EINTR) rc = 0;
                 if (rc < 0) {
-                    int err = errno;
-                    std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-                    m_nDisconnectReason = kReasonReadError;
-                    Log("select error:%d", err);
-                    Reset();
+                    Log("select error:%d", errno);
+                    Reset(kReasonReadError);
                     continue;
                 }
                 if (rc > 0 && m_wakeFd >= 0 && fds[1].revents) {
@@ -195,17 +186,17 @@ void CDCThread::WorkLoop() {
             }
         } catch (const std::exception& e) {
             Log("exception : %s", e.what());
-            ResetWithReason(kReasonException);
+            Reset(kReasonException);
             SleepWhileRunning(m_bRunning, 1000);
         } catch (...) {
             Log("unkown exception");
-            ResetWithReason(kReasonException);
+            Reset(kReasonException);
             SleepWhileRunning(m_bRunning, 1000);
         }
     }
 
     m_bAbnormalEnd = false;
-    ResetWithReason(m_nDisconnectReason.load());
+    Reset(kReasonServerClosed);
 }
 
 void CDCThread::Connect() {
@@ -214,7 +205,7 @@ void CDCThread::Connect() {
     // and written under the send lock; the connect itself runs without it.
     int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock < 0) {
-        if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLost(kReasonNoSocket);
+        ReportLost(kReasonNoSocket);
         return;
     }
     const int count = static_cast<int>(m_fronts.size());
@@ -237,7 +228,7 @@ void CDCThread::Connect() {
         if (ResolveAndConnect(sock, front, m_bRunning)) {
             connected = true;
             Log("DC Connected : %s:%d", front.host, front.port);
-            m_bRefresh = m_bModelLoading;
+            m_engine.OnConnected(true);
         } else {
             markUnusable(current);
             close(sock);
@@ -258,7 +249,7 @@ void CDCThread::Connect() {
             if (ResolveAndConnect(sock, front, m_bRunning)) {
                 connected = true;
                 Log("DC Connected : %s:%d", front.host, front.port);
-                m_bRefresh = true;
+                m_engine.OnConnected(false);
                 std::lock_guard<std::recursive_mutex> lock(m_sendLock);
                 m_nCurrentFront = i;
                 break;
@@ -277,16 +268,18 @@ void CDCThread::Connect() {
             std::lock_guard<std::recursive_mutex> lock(m_sendLock);
             m_socket = sock;
         }
-        m_lastReceiveTick = m_lastFrameDoneTick = orvex::NowTick();
-        if (COrvexWiraMdSpi* spi = Spi()) spi->OnFrontLinked();
+        m_lastReceiveTick = orvex::NowTick();
+        if (COrvexWiraMdSpi* spi = m_engine.Spi()) spi->OnFrontLinked();
         return;
     }
+    {
+        // The socket is stored first so that the reset closes it and reports
+        // the lost round with 4099.
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        m_socket = sock < 0 ? -2 : sock;
+    }
+    Reset(kReasonNoFront);
     std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-    // The socket is stored first so that the reset closes it and reports the
-    // lost round with 4099.
-    m_socket = sock < 0 ? -2 : sock;
-    m_nDisconnectReason = kReasonNoFront;
-    Reset();
     for (_FrontInfo& f : m_fronts) f.usable = true;
 }
 
@@ -295,67 +288,22 @@ void CDCThread::ReadSocket() {
     if (sock < 0) return;
     ssize_t n = recv(static_cast<int>(sock), m_cutter.FreeSpace(), static_cast<size_t>(m_cutter.FreeBytes()), 0);
     if (n == 0) {
-        ResetWithReason(kReasonServerClosed);
+        Reset(kReasonServerClosed);
         return;
     }
     if (n < 0) {
         int err = errno;
         if (err == 10035) return;
-        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-        m_nDisconnectReason = kReasonReadError;
         Log("recv error:%d", err);
-        Reset();
+        Reset(kReasonReadError);
         return;
     }
+    m_lastReceiveTick = orvex::NowTick();
     m_cutter.Commit(static_cast<int>(n));
-    CDCFrameCutter::Result r = m_cutter.Cut(*this);
-    if (r == CDCFrameCutter::kProtocolError) ResetWithReason(kReasonBadFrame);
+    // Whole frames go straight to the engine.
+    if (m_cutter.Cut(m_engine) == CDCFrameCutter::kProtocolError) Reset(kReasonBadFrame);
 }
 
 void CDCThread::OnReceived(const char* data, size_t length) {
-    CDCFrameCutter::Result r = m_cutter.Feed(data, length, *this);
-    if (r == CDCFrameCutter::kProtocolError) ResetWithReason(kReasonBadFrame);
-}
-
-bool CDCThread::OnFrame(int command, const char* body, int length) {
-    if (!m_bRunning && m_thread.IsActive()) return false;
-    Dispatch(command, body, length);
-    if (!IsConnected()) return false;
-    m_lastFrameDoneTick = orvex::NowTick();
-    return true;
-}
-
-void CDCThread::Dispatch(int command, const char* body, int length) {
-    switch (command) {
-    case kCmdNameTable:
-        m_lastReceiveTick = orvex::NowTick();
-        ProcessNametableRsp(body, length);
-        break;
-    case kCmdMarketStatus:
-        m_lastReceiveTick = orvex::NowTick();
-        ProcessMkStatusRsp(body, length);
-        break;
-    case kCmdQuotation:
-        m_lastReceiveTick = orvex::NowTick();
-        ProcessQuotationRsp(body, length);
-        break;
-    case kCmdLoginRsp:
-        m_lastReceiveTick = orvex::NowTick();
-        ProcessLoginRsp(body, length);
-        break;
-    case kCmdLoginRsp1:
-        m_lastReceiveTick = orvex::NowTick();
-        ProcessLoginRsp1(body, length);
-        break;
-    case kCmdDynainfo:
-        m_lastReceiveTick = orvex::NowTick();
-        if (m_bModelLoading) {
-            m_heldDynainfo.emplace_back(body, static_cast<size_t>(length));
-        } else {
-            ProcessDynainfo(body, static_cast<unsigned int>(length));
-        }
-        break;
-    default:
-        break;
-    }
+    if (m_cutter.Feed(data, length, m_engine) == CDCFrameCutter::kProtocolError) Reset(kReasonBadFrame);
 }

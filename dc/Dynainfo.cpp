@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "base/Time64.h"
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 #include "dc/WireText.h"
 
 namespace {
@@ -41,65 +41,6 @@ constexpr int kMaxDaySteps = 366;
 
 CTime64 TimeOfDate(uint32_t ymd, unsigned h, unsigned mi, unsigned s, unsigned ms) {
     return CTime64(ymd / 10000, ymd / 100 % 100, ymd % 100, h, mi, s, ms);
-}
-
-COrvexWiraMdSpi* SpiOf(const CDCThread& api) { return api.m_pSpi.load(std::memory_order_acquire); }
-
-// Delivery filter shared by all pushes: in subscription mode only what the
-// exchange has subscribed (or the whole exchange) reaches the caller. The
-// exchange is looked up only then.
-bool Subscribed(CDCThread& api, const CQxMarket& market, const char* instrumentId) {
-    if (!api.m_bSubscribe) return true;
-    const CQxExchange* exchange = api.FindExchange(std::string_view(market.exchangeCode));
-    if (!exchange) return false;
-    if (exchange->WholeExchange) return true;
-    return exchange->subscribed.find(std::string_view(instrumentId, strnlen(instrumentId, 31))) !=
-           exchange->subscribed.end();
-}
-
-// A market status change (16-byte payload).
-void ApplyStatusRecord(CDCThread& api, const char* payload) {
-    const uint16_t id = Rd<uint16_t>(payload);
-    const uint32_t tradingDay = Rd<uint32_t>(payload + 2);
-    const uint8_t code = Rd<uint8_t>(payload + 6);
-    const uint8_t code2 = Rd<uint8_t>(payload + 7);
-    const uint32_t secondDay = Rd<uint32_t>(payload + 8);
-    const uint32_t timeWord = Rd<uint32_t>(payload + 12);
-    CQxMarket* market = api.FindMarket(id);
-    if (!market) return;
-
-    if (market->tradingDay != tradingDay && code != 0) {
-        // A new trading day: the market's instruments are listed anew. The
-        // two status codes are stored crosswise here.
-        market->tradingDay = tradingDay;
-        market->secondDay = secondDay;
-        market->timeWord = timeWord;
-        market->status = code2;
-        market->status2 = code;
-        market->NameTableComplete = false;
-        api.ReqMarketNametable(id);
-    } else {
-        if (secondDay < market->secondDay || (secondDay == market->secondDay && timeWord <= market->timeWord))
-            return;
-        if (market->tradingDay == tradingDay) {
-            market->secondDay = secondDay;
-            market->timeWord = timeWord;
-            market->status = code;
-            market->status2 = code2;
-        }
-    }
-    if (id == api.m_extraMarket.ids[0])
-        PrintField(api.m_szTradingDay, sizeof(api.m_szTradingDay), "%d", static_cast<int>(tradingDay));
-
-    // Only the exchange's main market speaks for the exchange.
-    COrvexWiraMdSpi* spi = SpiOf(api);
-    if (!spi) return;
-    COrvexWiraMarketStatusField status;
-    CDCThread::FillStatusRecord(&status, market->exchangeCode, tradingDay, secondDay, timeWord,
-                                CDCThread::StatusChar(code));
-    CQxExchange* exchange = api.FindExchange(std::string_view(market->exchangeCode));
-    CQxMarket* main = exchange ? exchange->GetMainMarket() : nullptr;
-    if (main && main->marketId == id) spi->OnStatusChange(&status);
 }
 
 // The date a pushed row belongs to; false when the row is stale. dd is the
@@ -137,20 +78,79 @@ size_t CodeLength(const char* code) {
     return n;
 }
 
+}  // namespace
+
+// Delivery filter shared by all pushes: in subscription mode only what the
+// exchange has subscribed (or the whole exchange) reaches the caller. The
+// exchange is looked up only then.
+bool CMdEngine::Subscribed(const CQxMarket& market, const char* instrumentId) {
+    if (!m_settings.subscribe) return true;
+    const CQxExchange* exchange = FindExchange(std::string_view(market.exchangeCode));
+    if (!exchange) return false;
+    if (exchange->WholeExchange) return true;
+    return exchange->subscribed.find(std::string_view(instrumentId, strnlen(instrumentId, 31))) !=
+           exchange->subscribed.end();
+}
+
+// A market status change (16-byte payload).
+void CMdEngine::ApplyStatusRecord(const char* payload) {
+    const uint16_t id = Rd<uint16_t>(payload);
+    const uint32_t tradingDay = Rd<uint32_t>(payload + 2);
+    const uint8_t code = Rd<uint8_t>(payload + 6);
+    const uint8_t code2 = Rd<uint8_t>(payload + 7);
+    const uint32_t secondDay = Rd<uint32_t>(payload + 8);
+    const uint32_t timeWord = Rd<uint32_t>(payload + 12);
+    CQxMarket* market = FindMarket(id);
+    if (!market) return;
+
+    if (market->tradingDay != tradingDay && code != 0) {
+        // A new trading day: the market's instruments are listed anew. The
+        // two status codes are stored crosswise here.
+        market->tradingDay = tradingDay;
+        market->secondDay = secondDay;
+        market->timeWord = timeWord;
+        market->status = code2;
+        market->status2 = code;
+        market->NameTableComplete = false;
+        m_host.ReqMarketNametable(id);
+    } else {
+        if (secondDay < market->secondDay || (secondDay == market->secondDay && timeWord <= market->timeWord))
+            return;
+        if (market->tradingDay == tradingDay) {
+            market->secondDay = secondDay;
+            market->timeWord = timeWord;
+            market->status = code;
+            market->status2 = code2;
+        }
+    }
+    if (id == m_extraMarket.ids[0])
+        PrintField(m_szTradingDay, sizeof(m_szTradingDay), "%d", static_cast<int>(tradingDay));
+
+    // Only the exchange's main market speaks for the exchange.
+    COrvexWiraMdSpi* spi = Spi();
+    if (!spi) return;
+    COrvexWiraMarketStatusField status;
+    FillStatusRecord(&status, market->exchangeCode, tradingDay, secondDay, timeWord,
+                                StatusChar(code));
+    CQxExchange* exchange = FindExchange(std::string_view(market->exchangeCode));
+    CQxMarket* main = exchange ? exchange->GetMainMarket() : nullptr;
+    if (main && main->marketId == id) spi->OnStatusChange(&status);
+}
+
 // A pushed quote row of rowLength bytes (at least its 39-byte head).
-void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
+void CMdEngine::ApplyPushedRow(const char* row, int rowLength) {
     const char* code = row + 10;
     const std::string_view codeView(code, CodeLength(code));
     const int codeLen = static_cast<int>(codeView.size());
-    CQxMarket* market = api.FindMarket(Rd<uint16_t>(row + 8));
+    CQxMarket* market = FindMarket(Rd<uint16_t>(row + 8));
     if (!market) {
-        if (api.m_bLog) api.Log("Can not find Family:%.*s", codeLen, code);
+        if (m_settings.log) Log("Can not find Family:%.*s", codeLen, code);
         return;
     }
-    if (!api.Level(market->marketId)) return;
+    if (!Level(market->marketId)) return;
     CQxInstrument* inst = market->FindInstrument(codeView);
     if (!inst) {
-        if (api.m_bLog) api.Log("Can not find Instrument:%.*s", codeLen, code);
+        if (m_settings.log) Log("Can not find Instrument:%.*s", codeLen, code);
         return;
     }
 
@@ -180,7 +180,7 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
         current = RowDate(dd, b, h, mi, s, ms, &n);
     }
     if (!current || !((dd == n && dt <= qt) || dd < n)) {
-        if (api.m_bLog) api.Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
+        if (m_settings.log) Log("Filter:%.*s,QT:%u,MD:%u,MT:%u,DD:%u,DT:%u", codeLen, code, qt, md, mt, dd, dt);
         return;
     }
 
@@ -188,22 +188,21 @@ void ApplyPushedRow(CDCThread& api, const char* row, int rowLength) {
     inst->quoteTime = qt;
     inst->pushedDate = Rd<uint32_t>(row + 31);
     COrvexWiraDepthMarketDataField out;
-    const bool applied = api.m_bDeltaQuot ? api.ProcessPushQuotationDelta(row, rowLength, inst, nullptr, &out)
-                                          : api.ProcessPushQuotation(row, rowLength, inst, &out);
-    COrvexWiraMdSpi* spi = SpiOf(api);
-    if (applied && spi && Subscribed(api, *market, out.InstrumentID)) spi->OnDepthMarketData(&out);
+    const bool applied = m_settings.deltaQuot ? ProcessPushQuotationDelta(row, rowLength, inst, nullptr, &out)
+                                          : ProcessPushQuotation(row, rowLength, inst, &out);
+    COrvexWiraMdSpi* spi = Spi();
+    if (applied && spi && Subscribed(*market, out.InstrumentID)) spi->OnDepthMarketData(&out);
 }
 
-}  // namespace
 
-void CDCThread::ProcessTemplatePackage(unsigned short packageId, const char* data, int length) {
+void CMdEngine::ProcessTemplatePackage(unsigned short packageId, const char* data, int length) {
     // Template packages carry nothing the depth and status records need.
     (void)packageId;
     (void)data;
     (void)length;
 }
 
-void CDCThread::ProcessDynainfo(const char* body, unsigned int length) {
+void CMdEngine::ProcessDynainfo(const char* body, unsigned int length) {
     if (!body) return;
     unsigned int pos = 0;
     while (pos + kRecordHead <= length) {
@@ -218,10 +217,10 @@ void CDCThread::ProcessDynainfo(const char* body, unsigned int length) {
         // Records too short for their fixed part are skipped.
         switch (type) {
             case kTypeStatus:
-                if (payloadLength >= kStatusPayload) ApplyStatusRecord(*this, payload);
+                if (payloadLength >= kStatusPayload) ApplyStatusRecord(payload);
                 break;
             case kTypePush:
-                if (payloadLength >= kPushHead) ApplyPushedRow(*this, payload, static_cast<int>(payloadLength));
+                if (payloadLength >= kPushHead) ApplyPushedRow(payload, static_cast<int>(payloadLength));
                 break;
             case kTypeTemplate:
                 if (payloadLength >= 2)

@@ -1,4 +1,4 @@
-// The in-memory market picture kept by the API object: exchanges, back-end
+// The in-memory market picture kept by the market-data engine: exchanges, back-end
 // markets (16-bit ids) and their instruments with the last known quote.
 // Written and read by the DC worker thread only; no locks.
 #ifndef ORVEX_DC_MARKET_MODEL_H
@@ -133,7 +133,7 @@ public:
     // The main market, or null for an exchange with no markets.
     CQxMarket* GetMainMarket();
 
-    std::vector<CQxMarket*> markets;   // owned by the API object's market map
+    std::vector<CQxMarket*> markets;   // owned by the engine's market map
     uint16_t mainMarket;
     std::set<std::string, std::less<>> subscribed;
     bool WholeExchange;

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <utility>
 
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 #include "dc/WireText.h"
 
 namespace {
@@ -27,36 +27,9 @@ constexpr int kStatusRow = 16;
 constexpr int kNameHead = 22;
 constexpr int kNameRow = 84;
 
-const char* const kMainExchanges[4] = {"SHFE", "DCE", "CZCE", "CFFEX"};
-
 }  // namespace
 
-CQxExchange* CDCThread::FindExchange(const char* exchangeId) {
-    if (!exchangeId) return nullptr;
-    return FindExchange(std::string_view(exchangeId));
-}
-
-CQxExchange* CDCThread::FindExchange(std::string_view exchangeId) {
-    auto it = m_exchanges.find(exchangeId);
-    return it == m_exchanges.end() ? nullptr : &it->second;
-}
-
-CQxMarket* CDCThread::FindMarketInMap(int marketId) {
-    if (marketId < 0 || marketId > 0xFFFF) return nullptr;
-    auto it = m_markets.find(static_cast<unsigned short>(marketId));
-    if (it == m_markets.end()) return nullptr;
-    m_lastMarket = &it->second;
-    m_lastMarketId = marketId;
-    return m_lastMarket;
-}
-
-void CDCThread::ClearMarkets() {
-    m_lastMarket = nullptr;
-    m_lastMarketId = -1;
-    m_markets.clear();
-}
-
-char CDCThread::StatusChar(uint8_t code) {
+char CMdEngine::StatusChar(uint8_t code) {
     switch (code) {
         case 0: return '0';
         case 1:
@@ -70,7 +43,7 @@ char CDCThread::StatusChar(uint8_t code) {
 // Runs for every quote row, so it is written out by hand; the bytes are
 // those of snprintf(out9, 9, "%02u:%02u:%02u", h, m, s): at most 8
 // characters and a NUL, nothing written after the NUL.
-void CDCThread::FormatPackedTime(char* out9, uint32_t packed) {
+void CMdEngine::FormatPackedTime(char* out9, uint32_t packed) {
     if (dcwire::FormatShortTime(out9, packed)) return;
     // Three or four hour digits: the text is cut after eight characters.
     const unsigned h = packed >> 22;
@@ -92,7 +65,7 @@ void CDCThread::FormatPackedTime(char* out9, uint32_t packed) {
     out9[8] = '\0';
 }
 
-void CDCThread::FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,
+void CMdEngine::FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* exchange, uint32_t tradingDay,
                                  uint32_t secondDay, uint32_t t, char status) {
     std::memset(rec, 0, sizeof(*rec));
     CopyText(rec->ExchangeID, sizeof(rec->ExchangeID), exchange, 32);
@@ -103,7 +76,7 @@ void CDCThread::FillStatusRecord(COrvexWiraMarketStatusField* rec, const char* e
     rec->MarketStatus = status;
 }
 
-void CDCThread::ProcessMkStatusRsp(const char* body, int length) {
+void CMdEngine::ProcessMkStatusRsp(const char* body, int length) {
     if (!body || length < kStatusHead) return;
     const int total = Rd<uint16_t>(body + 2);
     const int rows = Rd<uint16_t>(body + 4);
@@ -117,27 +90,7 @@ void CDCThread::ProcessMkStatusRsp(const char* body, int length) {
         const char* row = body + kStatusHead + i * kStatusRow;
         const uint16_t id = Rd<uint16_t>(row);
         CQxMarket* market = FindMarket(id);
-        if (!market) {
-            std::string code;
-            const char* known = m_bDomesticExchanges ? nullptr : CExtraMarket::GetExchangeID(id);
-            if (known) {
-                code = known;
-            } else {
-                std::string key = std::to_string(id);
-                code = m_config.GetValue("EXCHANGE", key, key);
-            }
-            auto ins = m_markets.emplace(std::piecewise_construct, std::forward_as_tuple(id),
-                                         std::forward_as_tuple(id, code.c_str()));
-            market = &ins.first->second;
-            market->UseExchangeCode = m_config.GetValueB("BRCODE", code, false);
-            // The market keeps at most 31 characters of the code; the exchange
-            // is filed under the same text so that look-ups by the market's
-            // code always find it.
-            CQxExchange* exchange = FindExchange(market->exchangeCode);
-            if (!exchange) exchange = &m_exchanges[std::string(market->exchangeCode)];
-            exchange->markets.push_back(market);
-            m_offeredMarkets.insert(id);
-        }
+        if (!market) market = AddMarket(id);
         market->tradingDay = Rd<uint32_t>(row + 2);
         market->status = Rd<uint8_t>(row + 6);
         market->status2 = Rd<uint8_t>(row + 7);
@@ -161,14 +114,12 @@ void CDCThread::ProcessMkStatusRsp(const char* body, int length) {
         }
     }
     if (changed) {
-        if (!m_bDomesticExchanges) {
+        if (!m_settings.domesticExchanges) {
             m_extraMarket.ReloadIDSet(m_offeredMarkets);
-            for (int e = 0; e < 4; ++e) {
-                if (CQxExchange* exchange = FindExchange(kMainExchanges[e]))
-                    exchange->SetMainMarket(static_cast<unsigned short>(m_extraMarket.ids[e]));
-            }
+            SelectMainMarkets();
         }
-        SaveFamilyAccess();
+        std::lock_guard<std::mutex> lock(m_accessLock);
+        m_host.SaveMarketAccess(m_access);
     }
 
     // The markets are known: the login is complete for the caller.
@@ -180,21 +131,41 @@ void CDCThread::ProcessMkStatusRsp(const char* body, int length) {
         info.ErrorID = m_nLoginCode;
         CopyText(info.ErrorMsg, sizeof(info.ErrorMsg), m_szLoginMsg, 80);
         TranslateLoginRsp(&rsp, m_nLoginCode);
-        spi->OnLoginAnswer(&rsp, &info, GetRequestID(m_nLoginHandle), true);
-
-        for (auto& kv : m_exchanges) {
-            CQxMarket* main = kv.second.GetMainMarket();
-            if (!main) continue;
-            COrvexWiraMarketStatusField rec;
-            FillStatusRecord(&rec, main->exchangeCode, main->tradingDay, main->secondDay, main->timeWord, '*');
-            if (COrvexWiraMdSpi* s = Spi()) s->OnStatusChange(&rec);
-        }
+        spi->OnLoginAnswer(&rsp, &info, m_host.TakeRequestId(m_nLoginHandle), true);
+        ReportExchangeStatus('*');
     }
-    ReqMarketNametable(0);
-    ReqQuotation(0);
+    m_host.ReqMarketNametable(0);
+    m_host.ReqQuotation(0);
 }
 
-void CDCThread::ProcessNametableRsp(const char* body, int length) {
+CQxMarket* CMdEngine::AddMarket(uint16_t id) {
+    const std::string code = ExchangeCodeOf(id);
+    auto ins = m_markets.emplace(std::piecewise_construct, std::forward_as_tuple(id),
+                                 std::forward_as_tuple(id, code.c_str()));
+    CQxMarket* market = &ins.first->second;
+    market->UseExchangeCode = UseExchangeCodeOf(code.c_str());
+    // The market keeps at most 31 characters of the code; the exchange is
+    // filed under the same text so that look-ups by the market's code always
+    // find it.
+    CQxExchange* exchange = FindExchange(market->exchangeCode);
+    if (!exchange) exchange = &m_exchanges[std::string(market->exchangeCode)];
+    exchange->markets.push_back(market);
+    m_offeredMarkets.insert(id);
+    return market;
+}
+
+void CMdEngine::ReportExchangeStatus(char mark) {
+    for (auto& kv : m_exchanges) {
+        CQxMarket* main = kv.second.GetMainMarket();
+        if (!main) continue;
+        COrvexWiraMarketStatusField rec;
+        FillStatusRecord(&rec, main->exchangeCode, main->tradingDay, main->secondDay, main->timeWord,
+                         mark != 0 ? mark : StatusChar(main->status));
+        if (COrvexWiraMdSpi* spi = Spi()) spi->OnStatusChange(&rec);
+    }
+}
+
+void CMdEngine::ProcessNametableRsp(const char* body, int length) {
     if (!body || length < kNameHead) return;
     CQxMarket* market = FindMarket(Rd<uint16_t>(body + 6));
     if (!market) return;

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <utility>
 
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 #include "dc/WireText.h"
 
 namespace {
@@ -110,7 +110,7 @@ const F& BlankDelta() {
 void SetUpdateTime(CQxInstrument* inst, const char* row) {
     const uint32_t packed = Rd<uint32_t>(row + kPushTime);
     char* text = inst->depth.UpdateTime;
-    if (!dcwire::FormatShortTime(text, packed)) CDCThread::FormatPackedTime(text, packed);
+    if (!dcwire::FormatShortTime(text, packed)) CMdEngine::FormatPackedTime(text, packed);
     inst->depth.UpdateMillisec = static_cast<int>(packed & 0x3FF);
 }
 
@@ -241,7 +241,7 @@ bool ApplyRow(const char* row, int rowLength, CQxInstrument* inst, F* delta) {
 
 }  // namespace
 
-bool CDCThread::ProcessPushQuotation(const char* row, int rowLength, CQxInstrument* inst, F* out) {
+bool CMdEngine::ProcessPushQuotation(const char* row, int rowLength, CQxInstrument* inst, F* out) {
     if (!row || !inst || !out || rowLength < kPushFields) return false;
     SetUpdateTime(inst, row);
     ApplyRow<false>(row, rowLength, inst, nullptr);
@@ -250,7 +250,7 @@ bool CDCThread::ProcessPushQuotation(const char* row, int rowLength, CQxInstrume
     return true;
 }
 
-bool CDCThread::ProcessPushQuotationDelta(const char* row, int rowLength, CQxInstrument* inst, bool* changed,
+bool CMdEngine::ProcessPushQuotationDelta(const char* row, int rowLength, CQxInstrument* inst, bool* changed,
                                           F* out) {
     if (!row || !inst || !out || rowLength < kPushFields) return false;
     SetUpdateTime(inst, row);

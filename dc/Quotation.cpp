@@ -6,7 +6,7 @@
 #include <deque>
 #include <string>
 
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 #include "dc/WireText.h"
 
 namespace {
@@ -77,7 +77,7 @@ void FillDepthFromRow(CQxInstrument& inst, const char* row) {
     d.UpperLimitPrice = price(kRowUpperLimit);
     d.LowerLimitPrice = price(kRowLowerLimit);
     const uint32_t packed = Rd<uint32_t>(row + kRowTime);
-    if (!dcwire::FormatShortTime(d.UpdateTime, packed)) CDCThread::FormatPackedTime(d.UpdateTime, packed);
+    if (!dcwire::FormatShortTime(d.UpdateTime, packed)) CMdEngine::FormatPackedTime(d.UpdateTime, packed);
     d.UpdateMillisec = static_cast<int>(packed & 0x3FF);
     for (int k = 0; k < 5; ++k) {
         d.*kBidPrice[k] = price(kRowBid + 8 * k);
@@ -91,7 +91,7 @@ void FillDepthFromRow(CQxInstrument& inst, const char* row) {
 
 }  // namespace
 
-void CDCThread::ProcessQuotationRsp(const char* body, int length) {
+void CMdEngine::ProcessQuotationRsp(const char* body, int length) {
     if (!body || length < kQuotationHead) return;
     const int packetCount = Rd<uint16_t>(body + 2);
     const int packetIndex = Rd<uint16_t>(body + 4);
@@ -125,8 +125,8 @@ void CDCThread::ProcessQuotationRsp(const char* body, int length) {
             if (inst->quoteDate == 0) continue;
 
             COrvexWiraMdSpi* spi = Spi();
-            if (!spi || !m_bDeliverSnapshot) continue;
-            if (m_bSubscribe) {
+            if (!spi || !m_settings.deliverSnapshot) continue;
+            if (m_settings.subscribe) {
                 // Filtered by the exchange's subscriptions unless the whole
                 // exchange is subscribed; a market without an exchange has no
                 // subscriptions at all.
@@ -143,7 +143,7 @@ void CDCThread::ProcessQuotationRsp(const char* body, int length) {
 
     if (!whole || packetIndex < packetCount - 1 || first + rows < total) return;
 
-    if (m_bLog) Log("Quotation Completed");
+    Log("Quotation Completed");
     m_bModelLoading = false;
     // Dynamic information that arrived during the load, in arrival order.
     std::deque<std::string> held_back;
@@ -151,12 +151,5 @@ void CDCThread::ProcessQuotationRsp(const char* body, int length) {
     for (const std::string& packet : held_back)
         ProcessDynainfo(packet.data(), static_cast<unsigned int>(packet.size()));
 
-    for (auto& kv : m_exchanges) {
-        CQxMarket* main = kv.second.GetMainMarket();
-        if (!main) continue;
-        COrvexWiraMarketStatusField rec;
-        FillStatusRecord(&rec, main->exchangeCode, main->tradingDay, main->secondDay, main->timeWord,
-                         StatusChar(main->status));
-        if (COrvexWiraMdSpi* spi = Spi()) spi->OnStatusChange(&rec);
-    }
+    ReportExchangeStatus(0);
 }

@@ -1,13 +1,12 @@
-// File-service answers: collecting finished workers and answering their
-// queries from the contract files merged with the model. DC worker thread.
+// Instrument answers built from the model, and the file-service answers
+// merged with it once their markets are ready. DC worker thread.
 #include "dc/QxsfAnswer.h"
 
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
-#include "dc/DCThread.h"
-#include "sf/QXSFThread.h"
+#include "dc/MdEngine.h"
 
 // "合约查询找不到指定市场" in GBK.
 const char kUnknownExchangeMsg[] =
@@ -68,31 +67,13 @@ void AnswerInstrumentError(COrvexWiraMdSpi* spi, int requestId, int errorId, con
     spi->OnInstrumentAnswer(nullptr, &info, requestId, true);
 }
 
-bool CDCThread::CheckQXSF() {
-    bool collected = false;
-    for (auto it = m_qxsfWorkers.begin(); it != m_qxsfWorkers.end();) {
-        CQXSFThread* worker = *it;
-        if (!worker->IsExit()) {
-            ++it;
-            continue;
-        }
-        if (worker->IsOver()) {
-            std::unique_ptr<CQxsfRsp> rsp(new CQxsfRsp(*worker->GetRryInfo()));
-            worker->LoadMktField(rsp->contracts);
-            m_qxsfAnswers.push_back(rsp.get());
-            rsp.release();
-            collected = true;
-        }
-        // A worker that failed has already told the caller.
-        worker->Release();
-        it = m_qxsfWorkers.erase(it);
-    }
-    return collected;
+void CMdEngine::AddFileAnswer(std::unique_ptr<CQxsfRsp> answer) {
+    if (answer) m_fileAnswers.push_back(std::move(answer));
 }
 
-void CDCThread::CheckQXSFQryInstrument() {
-    for (size_t i = 0; i < m_qxsfAnswers.size();) {
-        const _QryInstrumentInfo& query = m_qxsfAnswers[i]->info;
+void CMdEngine::ServeFileAnswers() {
+    for (size_t i = 0; i < m_fileAnswers.size();) {
+        const _QryInstrumentInfo& query = m_fileAnswers[i]->info;
         const std::string_view exchangeId(query.query.ExchangeID, strnlen(query.query.ExchangeID, 9));
         std::vector<CQxMarket*> markets;
         if (!exchangeId.empty()) {
@@ -102,8 +83,7 @@ void CDCThread::CheckQXSFQryInstrument() {
                 char message[81];
                 std::snprintf(message, sizeof(message), "%s %.*s.", kUnknownExchangeMsg,
                               static_cast<int>(exchangeId.size()), exchangeId.data());
-                delete m_qxsfAnswers[i];
-                m_qxsfAnswers.erase(m_qxsfAnswers.begin() + static_cast<std::ptrdiff_t>(i));
+                m_fileAnswers.erase(m_fileAnswers.begin() + static_cast<std::ptrdiff_t>(i));
                 AnswerInstrumentError(Spi(), requestId, 1, message);
                 continue;
             }
@@ -118,8 +98,8 @@ void CDCThread::CheckQXSFQryInstrument() {
             continue;
         }
         // Taken out of the list before the callbacks run.
-        std::unique_ptr<CQxsfRsp> rsp(m_qxsfAnswers[i]);
-        m_qxsfAnswers.erase(m_qxsfAnswers.begin() + static_cast<std::ptrdiff_t>(i));
+        std::unique_ptr<CQxsfRsp> rsp = std::move(m_fileAnswers[i]);
+        m_fileAnswers.erase(m_fileAnswers.begin() + static_cast<std::ptrdiff_t>(i));
         AnswerInstruments(Spi(), markets, total, rsp->info.nRequestID, &rsp->contracts);
         return;
     }

@@ -1,39 +1,24 @@
-// Subscriptions: the caller's thread queues request strings, the DC worker
-// applies them to the exchanges' subscribed sets and replays the current
+// Subscriptions: the engine applies the caller's request strings (queued by
+// the API object) to the exchanges' subscribed sets and replays the current
 // quote of what was newly subscribed.
 //
 // A request is "CODE.EXCHANGE" (split at the first '.'), an exchange code
 // the model knows (the whole exchange), or any other text: one instrument on
 // whichever of SHFE, DCE, CZCE and CFFEX exist. A leading '.' does not split.
 //
-// The worker swaps a queue out under its lock and serves the batch without
-// it, so a callback may subscribe again; that request is served on the next
-// pass.
+// The API object swaps its queue out under its lock and hands the batch
+// over without it, so a callback may subscribe again; that request is served
+// on the next pass.
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 
 namespace {
 
 const char* const kMainExchanges[4] = {"SHFE", "DCE", "CZCE", "CFFEX"};
-
-void Enqueue(std::mutex& lock, std::vector<std::string>& queue, char* ids[], int count) {
-    if (!ids || count <= 0) return;
-    std::lock_guard<std::mutex> guard(lock);
-    for (int i = 0; i < count; ++i) {
-        if (ids[i]) queue.emplace_back(ids[i]);
-    }
-}
-
-std::vector<std::string> TakeAll(std::mutex& lock, std::vector<std::string>& queue) {
-    std::vector<std::string> batch;
-    std::lock_guard<std::mutex> guard(lock);
-    batch.swap(queue);
-    return batch;
-}
 
 struct Request {
     std::string_view instrument;   // empty: the whole exchange
@@ -41,40 +26,20 @@ struct Request {
 };
 
 // Splits a request string; an exchange code on its own names the exchange.
-Request Split(CDCThread& api, std::string_view text) {
+Request Split(CMdEngine& engine, std::string_view text) {
     const size_t dot = text.find('.');
     if (dot != std::string_view::npos && dot > 0) return {text.substr(0, dot), text.substr(dot + 1)};
-    if (api.FindExchange(text)) return {std::string_view(), text};
+    if (engine.FindExchange(text)) return {std::string_view(), text};
     return {text, std::string_view()};
 }
 
 }  // namespace
 
-int CDCThread::SubscribeMarketData(char* ids[], int count) {
-    // Without subscription mode every quote flows and the queue would never
-    // be drained.
-    if (m_bSubscribe) {
-        Enqueue(m_subLock, m_subQueue, ids, count);
-        Wake();
-    }
-    return 0;
-}
-
-int CDCThread::UnSubscribeMarketData(char* ids[], int count) {
-    if (m_bSubscribe) {
-        Enqueue(m_unsubLock, m_unsubQueue, ids, count);
-        Wake();
-    }
-    return 0;
-}
-
-void CDCThread::CheckSubscribeInfo() {
-    const std::vector<std::string> batch = TakeAll(m_subLock, m_subQueue);
-
+void CMdEngine::Subscribe(const std::vector<std::string>& batch) {
     // Replays the quote of one instrument: the first of the exchange's
     // markets that lists it decides, and a never-dated quote is not sent.
     auto replayOne = [this](CQxExchange& exchange, std::string_view id) {
-        if (!m_bDeliverSnapshot || !Spi()) return;
+        if (!m_settings.deliverSnapshot || !Spi()) return;
         for (CQxMarket* market : exchange.markets) {
             CQxInstrument* inst = market->FindInstrumentByID(id);
             if (!inst) continue;
@@ -106,7 +71,7 @@ void CDCThread::CheckSubscribeInfo() {
             continue;
         }
         exchange->WholeExchange = true;
-        if (!m_bDeliverSnapshot || !Spi()) continue;
+        if (!m_settings.deliverSnapshot || !Spi()) continue;
         for (CQxMarket* market : exchange->markets) {
             for (auto& kv : market->instruments) {
                 if (kv.second.quoteDate == 0) continue;
@@ -117,8 +82,7 @@ void CDCThread::CheckSubscribeInfo() {
     }
 }
 
-void CDCThread::CheckUnSubscribeInfo() {
-    const std::vector<std::string> batch = TakeAll(m_unsubLock, m_unsubQueue);
+void CMdEngine::Unsubscribe(const std::vector<std::string>& batch) {
     for (const std::string& text : batch) {
         if (text.empty()) continue;
         const Request req = Split(*this, text);

@@ -130,7 +130,7 @@ public:
         }
         api.reset(new CDCThread(flow, deliverSnapshot));
         api->RegisterSpi(&spi);
-        api->m_socket = m_fds[0];
+        api->AttachSocketForTest(m_fds[0]);
     }
     ~DcHarness() {
         api.reset();   // closes its end when still open
@@ -173,7 +173,7 @@ public:
         char d[] = "x1234567890123456789.CFFEX";
         char* ids[] = {a, b, c, d};
         api->SubscribeMarketData(ids, 4);
-        api->CheckSubscribeInfo();
+        api->ServeQueues();
         Drain();
     }
     void Unsubscribe() {
@@ -181,7 +181,7 @@ public:
         char c[] = "DCE";
         char* ids[] = {a, c};
         api->UnSubscribeMarketData(ids, 2);
-        api->CheckUnSubscribeInfo();
+        api->ServeQueues();
         Drain();
     }
     void QueryInstruments() {
@@ -192,7 +192,7 @@ public:
         std::memset(&shfe, 0, sizeof shfe);
         std::strcpy(shfe.ExchangeID, "SHFE");
         api->ReqQryInstrument(&shfe, 12);
-        api->CheckQryInstrument();
+        api->ServeQueues();
         Drain();
     }
 
@@ -209,10 +209,14 @@ private:
     int m_fds[2] = {-1, -1};
 };
 
-// Configuration read by every API object of a fuzz run: a market named by
-// the configuration whose instruments are reported by exchange code.
-inline void WriteDcConfig() {
-    WriteFile("OrvexWiraMdApi.def", "[CONFIG]\nLog=0\n[EXCHANGE]\n3000=INE\n[BRCODE]\nINE=1\n");
+// Configuration read by the API objects made after it is written: the
+// settings given, and a market named by the configuration whose instruments
+// are reported by exchange code.
+inline void WriteDcConfig(bool log = false, bool delta = false, bool subscribe = false, int level = 0) {
+    const std::string text = "[CONFIG]\nLog=" + std::to_string(log) + "\nDeltaQuot=" + std::to_string(delta) +
+                             "\nSubscribe=" + std::to_string(subscribe) + "\nLevel=" + std::to_string(level) +
+                             "\n[EXCHANGE]\n3000=INE\n[BRCODE]\nINE=1\n";
+    WriteFile("OrvexWiraMdApi.def", text);
 }
 
 }  // namespace orvex_fuzz

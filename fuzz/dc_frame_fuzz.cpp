@@ -41,14 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t bodyLength = size - 1;
     if (bodyLength > static_cast<size_t>(kDcMaxBody)) bodyLength = kDcMaxBody;
 
+    const bool subscribe = (sel & 0x20) != 0;
     if (log) orvex_fuzz::EmptyDir("flow");
+    orvex_fuzz::WriteDcConfig(log, (sel & 0x10) != 0, subscribe, (sel & 0x40) != 0 ? 1 : 0);
     orvex_fuzz::DcHarness h(true);
-    h.api->m_bLog = log;
-    h.api->m_bDeltaQuot = (sel & 0x10) != 0;
-    h.api->m_bSubscribe = (sel & 0x20) != 0;
-    h.api->m_nLevel = (sel & 0x40) != 0 ? 1 : 0;
     h.BuildModel(!loading);
-    if (h.api->m_bSubscribe) h.Subscribe();
+    if (subscribe) h.Subscribe();
 
     std::string frame(4 + bodyLength, '\0');
     frame[0] = '@';
@@ -65,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::vector<QuoteRow> rows = {orvex_fuzz::ModelQuote(id, "cu2401", 1500)};
         h.Feed(orvex_fuzz::DcFrame(kCmdQuotation, QuotationBody(1, 0, id, 1, 0, rows)));
     }
-    if (h.api->m_bSubscribe) h.Unsubscribe();
+    if (subscribe) h.Unsubscribe();
     h.QueryInstruments();
     orvex_fuzz::Keep(h.spi.sum);
     return 0;

@@ -287,7 +287,7 @@ TEST(DCSend, FailedSendResetsWith4098) {
         int pair[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
         close(pair[1]);
-        api.m_socket = pair[0];
+        api.AttachSocketForTest(pair[0]);
     };
     ASSERT_NO_FATAL_FAILURE(deadPeer());
     EXPECT_EQ(0, api.ReqMarketStatus(0));
@@ -318,13 +318,12 @@ TEST(DCRequests, FramesAreByteExact) {
     CDCThread api("", false);
     int pair[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-    api.m_socket = pair[0];
+    api.AttachSocketForTest(pair[0]);
     EXPECT_EQ(1, api.HeartBeat());
     EXPECT_EQ(1, api.ReqMarketNametable(0x12345));
     EXPECT_EQ(1, api.ReqMarketStatus(2001));
     EXPECT_EQ(1, api.ReqQuotation(2101));
-    api.m_nDynainfoSelector = 7;
-    EXPECT_EQ(1, api.SubscribeDynainfo());
+    EXPECT_EQ(1, api.SubscribeDynainfo(7));
     char buf[256];
     ssize_t n = recv(pair[1], buf, sizeof(buf), 0);
     std::string got(buf, static_cast<size_t>(n));

@@ -51,9 +51,12 @@ PushedRow At(const char* code, unsigned h, unsigned m, unsigned s, unsigned ms, 
 
 class DynainfoTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        MakeApi(true);
-        api->m_access.allAccess = true;   // main markets follow the preferred ids
+    void SetUp() override { Build(MdEngineSettings()); }
+
+    // A new engine with these settings and the model of every test.
+    void Build(const MdEngineSettings& settings) {
+        MakeEngine(settings);
+        engine->UseAccess([](CFamilyAccess& a) { a.allAccess = true; });   // main markets follow the preferred ids
         Status({StatusOf(2000, 20240102, 1, 20240102, 93000000), StatusOf(2001, 20240102, 1, 20240102, 93000000),
                 StatusOf(2101, 20240102, 1, 20240102, 93000000)});
         Names(2001, {{"Copper", "cu2403", "CU2403", 10, 5, 0},
@@ -63,34 +66,32 @@ protected:
         spi.events.clear();
         spi.statuses.clear();
         spi.logins.clear();
+        host.TakeRequests();
     }
+    void BuildWith(void (*change)(MdEngineSettings&)) { Build(With(change)); }
 
     // Sets the instrument's stored date and time, and the market's clock.
     void Clock(uint32_t instDate, uint32_t instTime, uint32_t marketDay, uint32_t marketTime) {
         CQxInstrument* inst = Inst(2001, "cu2403");
         inst->quoteDate = instDate;
         inst->quoteTime = instTime;
-        api->FindMarket(2001)->secondDay = marketDay;
-        api->FindMarket(2001)->timeWord = marketTime;
+        engine->FindMarket(2001)->secondDay = marketDay;
+        engine->FindMarket(2001)->timeWord = marketTime;
     }
 };
 
 // ---- status records ----
 
 TEST_F(DynainfoTest, NewTradingDayReplacesTheMarketClockAndReloadsItsNames) {
-    AttachPeer();
     Dyna(DynaStatusRecord(1, StatusOf(2101, 20240103, 2, 20240102, 210000000, 4)));
-    CQxMarket* m = api->FindMarket(2101);
+    CQxMarket* m = engine->FindMarket(2101);
     EXPECT_EQ(m->tradingDay, 20240103u);
     EXPECT_EQ(m->secondDay, 20240102u);
     EXPECT_EQ(m->timeWord, 210000000u);
     EXPECT_EQ(m->status, 4);     // the codes are stored crosswise on a new day
     EXPECT_EQ(m->status2, 2);
     EXPECT_FALSE(m->NameTableComplete);
-    std::vector<DcFrame> frames = SentFrames();
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0].command, kCmdNameTable);
-    EXPECT_EQ(BodyU16(frames[0].body, 2), 2101);
+    EXPECT_EQ(host.TakeRequests(), (std::vector<std::pair<int, int>>{{kCmdNameTable, 2101}}));
     ASSERT_EQ(spi.statuses.size(), 1u);
     EXPECT_STREQ(spi.statuses[0].ExchangeID, "DCE");
     EXPECT_STREQ(spi.statuses[0].TradingDay, "20240103");
@@ -99,13 +100,12 @@ TEST_F(DynainfoTest, NewTradingDayReplacesTheMarketClockAndReloadsItsNames) {
 }
 
 TEST_F(DynainfoTest, NewTradingDayWithStatusZeroKeepsTheDayAndRequestsNothing) {
-    AttachPeer();
     Dyna(DynaStatusRecord(1, StatusOf(2101, 20240103, 0, 20240102, 100000000)));
-    CQxMarket* m = api->FindMarket(2101);
+    CQxMarket* m = engine->FindMarket(2101);
     EXPECT_EQ(m->tradingDay, 20240102u);
     EXPECT_EQ(m->timeWord, 93000000u);
     EXPECT_TRUE(m->NameTableComplete);
-    EXPECT_TRUE(SentFrames().empty());
+    EXPECT_TRUE(host.TakeRequests().empty());
     ASSERT_EQ(spi.statuses.size(), 1u);   // newer than the market, so still reported
     EXPECT_EQ(spi.statuses[0].MarketStatus, '0');
 }
@@ -114,22 +114,22 @@ TEST_F(DynainfoTest, SameDayRecordsMustBeNewerThanTheMarket) {
     Dyna(DynaStatusRecord(1, StatusOf(2101, 20240102, 3, 20240102, 93000000)));
     Dyna(DynaStatusRecord(2, StatusOf(2101, 20240102, 3, 20240101, 235959000)));
     EXPECT_TRUE(spi.statuses.empty());
-    EXPECT_EQ(api->FindMarket(2101)->status, 1);
+    EXPECT_EQ(engine->FindMarket(2101)->status, 1);
 
     Dyna(DynaStatusRecord(3, StatusOf(2101, 20240102, 3, 20240102, 93000001, 6)));
-    CQxMarket* m = api->FindMarket(2101);
+    CQxMarket* m = engine->FindMarket(2101);
     EXPECT_EQ(m->timeWord, 93000001u);
     EXPECT_EQ(m->status, 3);
     EXPECT_EQ(m->status2, 6);
     ASSERT_EQ(spi.statuses.size(), 1u);
     EXPECT_EQ(spi.statuses[0].MarketStatus, '2');
-    EXPECT_EQ(api->m_nDynainfoSequence, 3u);
+    EXPECT_EQ(engine->DynainfoSequence(), 3u);
 }
 
 TEST_F(DynainfoTest, OnlyTheMainMarketOfAnExchangeIsReported) {
     Dyna(DynaStatusRecord(1, StatusOf(2000, 20240102, 1, 20240102, 100000000)));
     EXPECT_TRUE(spi.statuses.empty());
-    EXPECT_EQ(api->FindMarket(2000)->timeWord, 100000000u);
+    EXPECT_EQ(engine->FindMarket(2000)->timeWord, 100000000u);
     Dyna(DynaStatusRecord(2, StatusOf(2001, 20240102, 1, 20240102, 100000000)));
     ASSERT_EQ(spi.statuses.size(), 1u);
     EXPECT_STREQ(spi.statuses[0].ExchangeID, "SHFE");
@@ -137,9 +137,9 @@ TEST_F(DynainfoTest, OnlyTheMainMarketOfAnExchangeIsReported) {
 
 TEST_F(DynainfoTest, TheShfeSlotMarketSetsTheTradingDayText) {
     Dyna(DynaStatusRecord(1, StatusOf(2000, 20240105, 1, 20240104, 210000000)));
-    EXPECT_STREQ(api->GetTradingDay(), "20240102");
+    EXPECT_STREQ(engine->TradingDay(), "20240102");
     Dyna(DynaStatusRecord(2, StatusOf(2001, 20240105, 1, 20240104, 210000000)));
-    EXPECT_STREQ(api->GetTradingDay(), "20240105");
+    EXPECT_STREQ(engine->TradingDay(), "20240105");
 }
 
 // ---- pushed rows: which are current ----
@@ -157,7 +157,7 @@ TEST_F(DynainfoTest, RowAheadOfTheMarketOnTheSameDayIsAccepted) {
 }
 
 TEST_F(DynainfoTest, RowBehindTheInstrumentIsFilteredWithALogLine) {
-    api->m_bLog = true;
+    BuildWith([](MdEngineSettings& s) { s.log = true; });
     Clock(20240102, 93000000, 20240102, 93000000);
     Dyna(DynaPushRecord(1, At("cu2403", 9, 29, 59, 999, 700300)));
     EXPECT_TRUE(spi.depths.empty());
@@ -206,10 +206,10 @@ TEST_F(DynainfoTest, LevelAdmitsPlainOrDeepIdsOfEachExchangeGroup) {
     const int deep[] = {2010, 2011, 2110, 2111, 2210, 2211, 2310, 2311};
     const int other[] = {-1, 0, 1999, 2002, 2009, 2012, 2099, 2102, 2399, 2400, 2401, 2410, 2411, 65535};
     for (int level : {0, 1, 2}) {
-        api->m_nLevel = level;
-        for (int id : plain) EXPECT_EQ(level == 0, api->Level(id)) << id << " at level " << level;
-        for (int id : deep) EXPECT_EQ(level != 0, api->Level(id)) << id << " at level " << level;
-        for (int id : other) EXPECT_TRUE(api->Level(id)) << id << " at level " << level;
+        MakeEngine(With([level](MdEngineSettings& s) { s.level = level; }));
+        for (int id : plain) EXPECT_EQ(level == 0, engine->Level(id)) << id << " at level " << level;
+        for (int id : deep) EXPECT_EQ(level != 0, engine->Level(id)) << id << " at level " << level;
+        for (int id : other) EXPECT_TRUE(engine->Level(id)) << id << " at level " << level;
     }
 }
 
@@ -217,14 +217,14 @@ TEST_F(DynainfoTest, RebuiltMarketListIsLookedUpAfresh) {
     // A row of market 2001 makes it the remembered market; a login answer
     // whose list no longer holds it empties the market map, and the next
     // row for 2001 finds no market.
-    api->m_bLog = true;
+    BuildWith([](MdEngineSettings& s) { s.log = true; });
     Clock(20240102, 93000000, 20240102, 93000000);
     Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
     ASSERT_EQ(spi.depths.size(), 1u);
-    ASSERT_NE(api->FindMarket(2001), nullptr);
+    ASSERT_NE(engine->FindMarket(2001), nullptr);
     std::string answer = LoginAnswerBody(1, 0, {2101});
-    api->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
-    EXPECT_EQ(api->FindMarket(2001), nullptr);
+    engine->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
+    EXPECT_EQ(engine->FindMarket(2001), nullptr);
     Dyna(DynaPushRecord(2, At("cu2403", 9, 30, 2, 0, 700300)));
     EXPECT_EQ(spi.depths.size(), 1u);
     EXPECT_NE(LogText().find("Can not find Family:cu2403"), std::string::npos);
@@ -238,8 +238,8 @@ TEST_F(DynainfoTest, CodesOfEveryLengthUpToTheFullFieldFindTheirInstrument) {
     std::vector<NameRow> rows;
     for (const std::string& c : codes) rows.push_back({"N", c, "X" + c.substr(0, 20), 10, 1, 0});
     Names(2000, rows);
-    api->FindMarket(2000)->secondDay = 20240102;
-    api->FindMarket(2000)->timeWord = 93000000;
+    engine->FindMarket(2000)->secondDay = 20240102;
+    engine->FindMarket(2000)->timeWord = 93000000;
     std::string body;
     for (size_t i = 0; i < codes.size(); ++i) {
         const unsigned ms = static_cast<unsigned>(i);
@@ -268,21 +268,21 @@ TEST_F(DynainfoTest, NeverDatedInstrumentStartsFromTheMarketClock) {
 // ---- pushed rows: delivery ----
 
 TEST_F(DynainfoTest, SubscriptionModeFiltersPushes) {
+    BuildWith([](MdEngineSettings& s) { s.subscribe = true; });
     Clock(20240102, 93000000, 20240102, 93000000);
-    api->m_bSubscribe = true;
-    api->FindExchange("SHFE")->subscribed.insert("cu2405");
+    engine->FindExchange("SHFE")->subscribed.insert("cu2405");
     Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)) + DynaPushRecord(2, At("cu2405", 9, 30, 1, 0, 700300)));
     ASSERT_EQ(spi.depths.size(), 1u);
     EXPECT_STREQ(spi.depths[0].InstrumentID, "cu2405");
 
-    api->FindExchange("SHFE")->WholeExchange = true;
+    engine->FindExchange("SHFE")->WholeExchange = true;
     Dyna(DynaPushRecord(3, At("cu2403", 9, 30, 2, 0, 700300)));
     EXPECT_EQ(spi.depths.size(), 2u);
 }
 
 TEST_F(DynainfoTest, DeltaModeDeliversEveryAcceptedRowWithItsChangeMarks) {
+    BuildWith([](MdEngineSettings& s) { s.deltaQuot = true; });
     Clock(20240102, 93000000, 20240102, 93000000);
-    api->m_bDeltaQuot = true;
     Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 0)));   // raw quote is all zero: unchanged
     Dyna(DynaPushRecord(2, At("cu2403", 9, 30, 2, 0, 700300)));
     ASSERT_EQ(spi.depths.size(), 2u);
@@ -292,15 +292,19 @@ TEST_F(DynainfoTest, DeltaModeDeliversEveryAcceptedRowWithItsChangeMarks) {
 }
 
 TEST_F(DynainfoTest, LevelUnknownMarketsAndInstrumentsAreSkipped) {
-    api->m_bLog = true;
+    BuildWith([](MdEngineSettings& s) {
+        s.log = true;
+        s.level = 1;
+    });
     Clock(20240102, 93000000, 20240102, 93000000);
-    api->m_nLevel = 1;
     Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)));
-    api->m_nLevel = 0;
+    EXPECT_TRUE(spi.depths.empty());
+    BuildWith([](MdEngineSettings& s) { s.log = true; });
+    Clock(20240102, 93000000, 20240102, 93000000);
     Dyna(DynaPushRecord(2, At("zz01", 9, 30, 1, 0, 1, 4242)) + DynaPushRecord(3, At("zz02", 9, 30, 1, 0, 1)) +
          DynaPushRecord(4, At("cu2403", 9, 30, 1, 0, 700300)));
     EXPECT_EQ(spi.depths.size(), 1u);
-    EXPECT_EQ(api->m_nDynainfoSequence, 4u);
+    EXPECT_EQ(engine->DynainfoSequence(), 4u);
     const std::string log = LogText();
     EXPECT_NE(log.find("Can not find Family:zz01"), std::string::npos);
     EXPECT_NE(log.find("Can not find Instrument:zz02"), std::string::npos);
@@ -308,11 +312,11 @@ TEST_F(DynainfoTest, LevelUnknownMarketsAndInstrumentsAreSkipped) {
 
 TEST_F(DynainfoTest, WithoutCallbackObjectTheModelIsStillKeptCurrent) {
     Clock(20240102, 93000000, 20240102, 93000000);
-    api->RegisterSpi(nullptr);
+    engine->SetSpi(nullptr);
     Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)) +
          DynaStatusRecord(2, StatusOf(2001, 20240102, 2, 20240102, 100000000)));
     EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70030.0);
-    EXPECT_EQ(api->FindMarket(2001)->status, 2);
+    EXPECT_EQ(engine->FindMarket(2001)->status, 2);
     EXPECT_TRUE(spi.Events().empty());
 }
 
@@ -323,30 +327,31 @@ TEST_F(DynainfoTest, SteadyStatePushesAndStatusRecordsAllocateNothing) {
         int depths = 0;
         int statuses = 0;
     } counting;
-    api->RegisterSpi(&counting);
-    api->m_bSubscribe = true;
-    api->FindExchange("SHFE")->subscribed.insert(kLongCode);
-    Inst(2001, kLongCode)->quoteDate = 20240102;
-    Inst(2001, kLongCode)->quoteTime = 93000000;
-
     std::vector<std::string> bodies;
-    for (unsigned i = 0; i <= 400; ++i) {
+    for (unsigned i = 0; i <= 200; ++i) {
         PushedRow row = At(kLongCode, 10, i / 60, i % 60, 0, 700000 + static_cast<int32_t>(i));
         row.Volume(i).Bid(1, 700000, i).Ask(1, 700010, i);
         bodies.push_back(DynaPushRecord(i, row) +
                          DynaStatusRecord(i, StatusOf(2001, 20240102, 1, 20240102, 100000000 + i)));
     }
-    Dyna(bodies[0]);   // warm-up
     for (bool delta : {false, true}) {
-        api->m_bDeltaQuot = delta;
+        Build(With([delta](MdEngineSettings& s) {
+            s.subscribe = true;
+            s.deltaQuot = delta;
+        }));
+        engine->SetSpi(&counting);
+        engine->Subscribe({std::string(kLongCode) + ".SHFE"});
+        Inst(2001, kLongCode)->quoteDate = 20240102;
+        Inst(2001, kLongCode)->quoteTime = 93000000;
+        Dyna(bodies[0]);   // warm-up
         const long before = g_allocations.load();
-        for (size_t i = delta ? 201 : 1; i <= (delta ? 400u : 200u); ++i)
-            api->ProcessDynainfo(bodies[i].data(), static_cast<unsigned>(bodies[i].size()));
+        for (size_t i = 1; i < bodies.size(); ++i)
+            engine->ProcessDynainfo(bodies[i].data(), static_cast<unsigned>(bodies[i].size()));
         EXPECT_EQ(g_allocations.load() - before, 0) << (delta ? "delta" : "full");
     }
-    EXPECT_EQ(counting.depths, 401);
-    EXPECT_EQ(counting.statuses, 401);
-    api->RegisterSpi(&spi);
+    EXPECT_EQ(counting.depths, 402);
+    EXPECT_EQ(counting.statuses, 402);
+    engine->SetSpi(&spi);
 }
 
 // ---- the walk ----
@@ -356,7 +361,7 @@ TEST_F(DynainfoTest, TemplatesAndUnknownTypesAreSkippedAndTheWalkGoesOn) {
     Dyna(DynaTemplateRecord(1, 512, "\x01\x02\x03") + DynaRecord(2, 9, "whatever") + DynaRecord(3, kDynaTemplate, "") +
          DynaPushRecord(4, At("cu2403", 9, 30, 1, 0, 700300)));
     EXPECT_EQ(spi.depths.size(), 1u);
-    EXPECT_EQ(api->m_nDynainfoSequence, 4u);
+    EXPECT_EQ(engine->DynainfoSequence(), 4u);
 }
 
 TEST_F(DynainfoTest, RecordRunningPastTheBodyEndsTheWalk) {
@@ -365,19 +370,19 @@ TEST_F(DynainfoTest, RecordRunningPastTheBodyEndsTheWalk) {
     std::string push = At("cu2405", 9, 30, 1, 0, 700300).Encode();
     std::string bad = DynaRecord(2, kDynaPush, push, static_cast<int>(push.size()) + 1);
     std::vector<char> body = Exact(good + bad);
-    api->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
+    engine->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
     ASSERT_EQ(spi.depths.size(), 1u);
     EXPECT_STREQ(spi.depths[0].InstrumentID, "cu2403");
-    EXPECT_EQ(api->m_nDynainfoSequence, 1u);
+    EXPECT_EQ(engine->DynainfoSequence(), 1u);
 
     // A record head cut short, and records too short for what they are.
     std::vector<char> cut = Exact(good + std::string("\x05\x00\x00", 3));
-    api->ProcessDynainfo(cut.data(), static_cast<unsigned>(cut.size()));
+    engine->ProcessDynainfo(cut.data(), static_cast<unsigned>(cut.size()));
     std::vector<char> tiny = Exact(DynaRecord(7, kDynaStatus, std::string(15, '\0')) +
                                    DynaRecord(8, kDynaPush, push.substr(0, 38)));
-    api->ProcessDynainfo(tiny.data(), static_cast<unsigned>(tiny.size()));
+    engine->ProcessDynainfo(tiny.data(), static_cast<unsigned>(tiny.size()));
     EXPECT_EQ(spi.depths.size(), 2u);
-    EXPECT_EQ(api->m_nDynainfoSequence, 8u);
+    EXPECT_EQ(engine->DynainfoSequence(), 8u);
 }
 
 TEST_F(DynainfoTest, PushedRowClaimingMoreFieldsThanItsPayloadIsReadOnlyToItsEnd) {
@@ -385,7 +390,7 @@ TEST_F(DynainfoTest, PushedRowClaimingMoreFieldsThanItsPayloadIsReadOnlyToItsEnd
     PushedRow row = At("cu2403", 9, 30, 1, 0, 700300);
     row.ClaimA(1u << kPushTurnover).ClaimB(0xFFFFF);
     std::vector<char> body = Exact(DynaPushRecord(1, row));
-    api->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
+    engine->ProcessDynainfo(body.data(), static_cast<unsigned>(body.size()));
     ASSERT_EQ(spi.depths.size(), 1u);
     EXPECT_EQ(spi.depths[0].LastPrice, 70030.0);
     EXPECT_EQ(spi.depths[0].Turnover, 0.0);

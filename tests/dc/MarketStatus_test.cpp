@@ -30,55 +30,57 @@ std::vector<std::string> Texts(std::initializer_list<const char*> texts) { retur
 
 class MarketStatusTest : public HandlerTest {
 protected:
-    // The requests sent since the last call: command and market (0: all).
-    std::vector<std::pair<int, int>> Requests() {
-        std::vector<std::pair<int, int>> out;
-        for (const DcFrame& f : SentFrames()) out.push_back({f.command, BodyU16(f.body, 2)});
-        return out;
+    // The requests asked for since the last call: command and market (0: all).
+    std::vector<std::pair<int, int>> Requests() { return host.TakeRequests(); }
+    // Grants every market, the way a missing access file does.
+    void AllAccess() {
+        engine->UseAccess([](CFamilyAccess& a) { a.allAccess = true; });
     }
 };
 
 TEST_F(MarketStatusTest, KnownIdsUseTheBuiltInExchangeOthersTheConfiguration) {
     ScopedTempDir::Write("OrvexWiraMdApi.def", "[EXCHANGE]\n5001=XSGE\n2301=WRONG\n[BRCODE]\nXSGE=1\n");
-    MakeApi(true);
+    MakeEngine();
     Status({Row(2301), Row(5000), Row(5001)});
 
-    EXPECT_EQ(Texts({api->FindMarket(2301)->exchangeCode, api->FindMarket(5000)->exchangeCode,
-                     api->FindMarket(5001)->exchangeCode}),
+    EXPECT_EQ(Texts({engine->FindMarket(2301)->exchangeCode, engine->FindMarket(5000)->exchangeCode,
+                     engine->FindMarket(5001)->exchangeCode}),
               (std::vector<std::string>{"CFFEX", "5000", "XSGE"}));
-    EXPECT_FALSE(api->FindMarket(2301)->UseExchangeCode);
-    EXPECT_TRUE(api->FindMarket(5001)->UseExchangeCode);
-    ASSERT_NE(api->FindExchange("XSGE"), nullptr);
-    EXPECT_EQ(MarketIds(api->FindExchange("XSGE")), std::vector<uint16_t>{5001});
-    EXPECT_EQ(api->m_offeredMarkets, (std::set<unsigned short>{2301, 5000, 5001}));
+    EXPECT_FALSE(engine->FindMarket(2301)->UseExchangeCode);
+    EXPECT_TRUE(engine->FindMarket(5001)->UseExchangeCode);
+    ASSERT_NE(engine->FindExchange("XSGE"), nullptr);
+    EXPECT_EQ(MarketIds(engine->FindExchange("XSGE")), std::vector<uint16_t>{5001});
+    EXPECT_EQ(engine->OfferedMarkets(), (std::set<unsigned short>{2301, 5000, 5001}));
 }
 
 TEST_F(MarketStatusTest, DomesticExchangesTakeEveryCodeFromTheConfigurationAndChooseNoMainMarket) {
     ScopedTempDir::Write("OrvexWiraMdApi.def", "[EXCHANGE]\n2000=SHFE\n2001=SHFE\n");
-    MakeApi(true);
-    api->m_bDomesticExchanges = true;
-    api->m_access.allAccess = true;   // the path that would choose main markets
+    MakeEngine(With([](MdEngineSettings& s) { s.domesticExchanges = true; }));
+    AllAccess();   // the path that would choose main markets
     Status({Row(2000), Row(2001), Row(2301)});
 
-    EXPECT_STREQ(api->FindMarket(2301)->exchangeCode, "2301");
-    ASSERT_NE(api->FindExchange("SHFE"), nullptr);
-    EXPECT_EQ(MarketIds(api->FindExchange("SHFE")), (std::vector<uint16_t>{2000, 2001}));
-    EXPECT_EQ(api->FindExchange("SHFE")->GetMainMarket()->marketId, 2000);
-    EXPECT_EQ(api->m_extraMarket.ids[0], 2001u);
+    EXPECT_STREQ(engine->FindMarket(2301)->exchangeCode, "2301");
+    ASSERT_NE(engine->FindExchange("SHFE"), nullptr);
+    EXPECT_EQ(MarketIds(engine->FindExchange("SHFE")), (std::vector<uint16_t>{2000, 2001}));
+    EXPECT_EQ(engine->FindExchange("SHFE")->GetMainMarket()->marketId, 2000);
+    EXPECT_EQ(engine->PreferredMarket(0), 2001u);
+    EXPECT_EQ(host.saves, 1);
 }
 
 TEST_F(MarketStatusTest, ChangedAccessListChoosesPreferredMainMarketsAndIsSaved) {
-    api->m_access.allAccess = true;
+    AllAccess();
     Status({Row(2000), Row(2001), Row(2011), Row(2100)});
 
-    EXPECT_EQ(api->FindExchange("SHFE")->GetMainMarket()->marketId, 2011);
-    EXPECT_EQ(api->FindExchange("DCE")->GetMainMarket()->marketId, 2100);
-    EXPECT_EQ(api->m_extraMarket.ids[0], 2011u);
-    EXPECT_EQ(api->m_extraMarket.ids[1], 2100u);
+    EXPECT_EQ(engine->FindExchange("SHFE")->GetMainMarket()->marketId, 2011);
+    EXPECT_EQ(engine->FindExchange("DCE")->GetMainMarket()->marketId, 2100);
+    EXPECT_EQ(engine->PreferredMarket(0), 2011u);
+    EXPECT_EQ(engine->PreferredMarket(1), 2100u);
 
     // Each offered id takes two slots: the id, then a zero id with all groups.
     // (The wire records are packed: copy the fields out before comparing.)
-    const QxFamilyAccess* list = api->m_access.familyAccess;
+    CFamilyAccess access;
+    engine->UseAccess([&](CFamilyAccess& a) { access = a; });
+    const QxFamilyAccess* list = access.familyAccess;
     auto entry = [&](int i) { return std::make_pair(int{list[i].Family}, int{list[i].Groups}); };
     const int ids[4] = {2000, 2001, 2011, 2100};
     for (int i = 0; i < 4; ++i) {
@@ -86,32 +88,33 @@ TEST_F(MarketStatusTest, ChangedAccessListChoosesPreferredMainMarketsAndIsSaved)
         EXPECT_EQ(entry(2 * i + 1), std::make_pair(0, -1)) << i;
     }
     EXPECT_EQ(entry(8), std::make_pair(0, 0));
-    EXPECT_EQ(std::memcmp(api->m_access.familyAccess, api->m_access.savedFamilyAccess,
-                          sizeof(api->m_access.familyAccess)), 0);
-    EXPECT_EQ(access("qxmktaccess.xml", F_OK), 0);
+    EXPECT_EQ(std::memcmp(access.familyAccess, access.savedFamilyAccess, sizeof(access.familyAccess)), 0);
+    EXPECT_EQ(host.saves, 1);
 }
 
 TEST_F(MarketStatusTest, UnchangedAccessListKeepsTheFirstMarketAsMainTheTradingDayIsThePreferredOnes) {
     Status({Row(2000, 20240101), Row(2001, 20240102), Row(2101, 20240103)});
-    EXPECT_EQ(api->FindExchange("SHFE")->GetMainMarket()->marketId, 2000);
-    EXPECT_NE(access("qxmktaccess.xml", F_OK), 0);
+    EXPECT_EQ(engine->FindExchange("SHFE")->GetMainMarket()->marketId, 2000);
+    EXPECT_EQ(host.saves, 0);
     // The trading day text comes from the preferred SHFE market.
-    EXPECT_STREQ(api->GetTradingDay(), "20240102");
+    EXPECT_STREQ(engine->TradingDay(), "20240102");
 }
 
 TEST_F(MarketStatusTest, SplitAnswerCompletesTheLoginAfterItsLastPacket) {
-    AttachPeer();
-    api->m_nLoginCode = 0;
-    std::strcpy(api->m_szLoginMsg, "welcome");
-    api->m_nLoginHandle = api->AssignReqHandle(77);
+    // The login answer lists the markets: the model is rebuilt and the
+    // status asked for; its code and message are repeated at completion.
+    host.requestIds[5] = 77;
+    std::string answer = LoginAnswerBody(5, 0, {2001, 2101, 5000}, "welcome");
+    engine->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
+    EXPECT_EQ(Requests(), (std::vector<std::pair<int, int>>{{kCmdSubscribeDynainfo, -1}, {kCmdMarketStatus, 0}}));
 
     std::string first = MarketStatusBody(3, 0, {Row(2001, 20240102, 1, 20240102, 93000500), Row(2101, 20240103, 2)});
-    api->ProcessMkStatusRsp(first.data(), static_cast<int>(first.size()));
+    engine->ProcessMkStatusRsp(first.data(), static_cast<int>(first.size()));
     EXPECT_TRUE(spi.Events().empty());
-    EXPECT_TRUE(SentFrames().empty());
+    EXPECT_TRUE(Requests().empty());
 
     std::string second = MarketStatusBody(3, 2, {Row(5000, 20240104, 0, 20240101, 150000000)});
-    api->ProcessMkStatusRsp(second.data(), static_cast<int>(second.size()));
+    engine->ProcessMkStatusRsp(second.data(), static_cast<int>(second.size()));
     // Exchanges in key order, each with the '*' of a completed login.
     ASSERT_EQ(spi.Events(), (std::vector<std::string>{"login:0", "status:5000:*", "status:DCE:*", "status:SHFE:*"}));
     const LoginAnswer& login = spi.logins[0];
@@ -126,8 +129,7 @@ TEST_F(MarketStatusTest, SplitAnswerCompletesTheLoginAfterItsLastPacket) {
 }
 
 TEST_F(MarketStatusTest, WithoutCallbackOnlyTheRequestsFollow) {
-    api->RegisterSpi(nullptr);
-    AttachPeer();
+    engine->SetSpi(nullptr);
     Status({Row(2001)});
     EXPECT_EQ(Requests(), (std::vector<std::pair<int, int>>{{kCmdNameTable, 0}, {kCmdQuotation, 0}}));
     EXPECT_TRUE(spi.Events().empty());
@@ -136,35 +138,35 @@ TEST_F(MarketStatusTest, WithoutCallbackOnlyTheRequestsFollow) {
 TEST_F(MarketStatusTest, RepeatedRowRefreshesTheMarketWithoutAddingItAgain) {
     Status({Row(2001, 20240102, 1, 20240102, 90000000)});
     Status({Row(2001, 20240105, 3, 20240104, 211530250)});
-    CQxMarket* m = api->FindMarket(2001);
+    CQxMarket* m = engine->FindMarket(2001);
     EXPECT_EQ(std::make_tuple(m->tradingDay, int{m->status}, int{m->status2}, m->secondDay, m->timeWord),
               std::make_tuple(20240105u, 3, 9, 20240104u, 211530250u));
-    EXPECT_EQ(api->FindExchange("SHFE")->markets.size(), 1u);
+    EXPECT_EQ(engine->FindExchange("SHFE")->markets.size(), 1u);
     EXPECT_EQ(spi.Count("login:0"), 2);
 }
 
 TEST_F(MarketStatusTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {
     std::vector<char> body = Exact(MarketStatusBody(3, 0, {Row(2001), Row(2101)}, 3));
-    api->ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
-    EXPECT_NE(api->FindMarket(2001), nullptr);
-    EXPECT_NE(api->FindMarket(2101), nullptr);
+    engine->ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
+    EXPECT_NE(engine->FindMarket(2001), nullptr);
+    EXPECT_NE(engine->FindMarket(2101), nullptr);
     EXPECT_EQ(spi.Count("login:0"), 0);
 
     std::vector<char> head = Exact(MarketStatusBody(1, 0, {}, 1).substr(0, 7));
-    api->ProcessMkStatusRsp(head.data(), static_cast<int>(head.size()));
-    EXPECT_EQ(api->m_markets.size(), 2u);
+    engine->ProcessMkStatusRsp(head.data(), static_cast<int>(head.size()));
+    EXPECT_EQ(engine->MarketCount(), 2u);
 }
 
 TEST(MarketStatusRecord, StatusCodesMapToTheirCharacters) {
     const std::pair<uint8_t, char> codes[] = {{0, '0'}, {1, '2'}, {3, '2'}, {4, '2'},
                                               {2, '4'}, {5, '6'}, {7, '6'}, {255, '6'}};
-    for (const auto& [code, c] : codes) EXPECT_EQ(CDCThread::StatusChar(code), c) << "code " << int{code};
+    for (const auto& [code, c] : codes) EXPECT_EQ(CMdEngine::StatusChar(code), c) << "code " << int{code};
 }
 
 TEST(MarketStatusRecord, OverlongValuesStayInsideTheirFields) {
     COrvexWiraMarketStatusField rec;
     std::memset(&rec, 0x55, sizeof(rec));
-    CDCThread::FillStatusRecord(&rec, "AVERYLONGEXCHANGECODE", 4000000000u, 7, 4294967295u, '2');
+    CMdEngine::FillStatusRecord(&rec, "AVERYLONGEXCHANGECODE", 4000000000u, 7, 4294967295u, '2');
     EXPECT_STREQ(rec.ExchangeID, "AVERYLON");
     EXPECT_EQ(rec.TradingDay[8], '\0');
     EXPECT_STREQ(rec.SecondDay, "7");
@@ -182,12 +184,10 @@ TEST_F(MarketStatusTest, LevelAdmitsPlainOrDeepFeedsByTheSetting) {
                   {{2010, 2011, 2110, 2111, 2210, 2211, 2310, 2311}, 1, false, true},    // deep feeds
                   {{0, 2002, 2012, 2400, 5000, 65535}, 1, true, true}};                  // neither
     for (const auto& g : groups) {
-        for (int id : g.ids) {
-            api->m_nLevel = 0;
-            EXPECT_EQ(api->Level(id), g.atZero) << id;
-            api->m_nLevel = g.otherLevel;
-            EXPECT_EQ(api->Level(id), g.atOther) << id << " at level " << g.otherLevel;
-        }
+        MakeEngine();
+        for (int id : g.ids) EXPECT_EQ(engine->Level(id), g.atZero) << id;
+        MakeEngine(With([&](MdEngineSettings& s) { s.level = g.otherLevel; }));
+        for (int id : g.ids) EXPECT_EQ(engine->Level(id), g.atOther) << id << " at level " << g.otherLevel;
     }
 }
 
@@ -197,7 +197,7 @@ class NameTableTest : public HandlerTest {
 protected:
     void SetUp() override {
         ScopedTempDir::Write("OrvexWiraMdApi.def", "[BRCODE]\nDCE=1\n");
-        MakeApi(true);
+        MakeEngine();
         Status({Row(2001, 20240102), Row(2101, 20240103)});
     }
 };
@@ -214,34 +214,34 @@ TEST_F(NameTableTest, RowsBecomeInstrumentsWithTheirDepthRecordPrepared) {
               std::make_tuple(10u, uint16_t{5}, uint16_t{7}, 0u, 0u));
     EXPECT_EQ(inst->depth.LastPrice, DBL_MAX);
     EXPECT_EQ(inst->depth.Turnover, 0.0);
-    EXPECT_TRUE(api->FindMarket(2001)->NameTableComplete);
-    EXPECT_EQ(api->FindMarket(2001)->FindInstrumentByID("cu2403"), inst);
+    EXPECT_TRUE(engine->FindMarket(2001)->NameTableComplete);
+    EXPECT_EQ(engine->FindMarket(2001)->FindInstrumentByID("cu2403"), inst);
 
     // DCE markets report the exchange's own code (BRCODE).
     Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
     CQxInstrument* soy = Inst(2101, "a2405");
     ASSERT_NE(soy, nullptr);
     EXPECT_EQ(Texts({soy->depth.InstrumentID, soy->depth.TradingDay}), (std::vector<std::string>{"A2405", "20240103"}));
-    EXPECT_EQ(api->FindMarket(2101)->FindInstrumentByID("A2405"), soy);
-    EXPECT_EQ(api->FindMarket(2101)->FindInstrumentByID("a2405"), nullptr);
+    EXPECT_EQ(engine->FindMarket(2101)->FindInstrumentByID("A2405"), soy);
+    EXPECT_EQ(engine->FindMarket(2101)->FindInstrumentByID("a2405"), nullptr);
 }
 
 TEST_F(NameTableTest, ByIdMapIsBuiltWhenTheLastPacketArrives) {
     std::string p1 = NameTableBody(2001, 3, 0, {{"A", "cu01", "CU01", 1, 0, 0}, {"B", "cu02", "CU02", 1, 0, 0}});
     std::string p2 = NameTableBody(2001, 3, 2, {{"C", "cu03", "CU03", 1, 0, 0}});
-    api->ProcessNametableRsp(p1.data(), static_cast<int>(p1.size()));
-    CQxMarket* m = api->FindMarket(2001);
+    engine->ProcessNametableRsp(p1.data(), static_cast<int>(p1.size()));
+    CQxMarket* m = engine->FindMarket(2001);
     EXPECT_EQ(m->instruments.size(), 2u);
     EXPECT_FALSE(m->NameTableComplete);
     EXPECT_EQ(m->FindInstrumentByID("cu01"), nullptr);
 
-    api->ProcessNametableRsp(p2.data(), static_cast<int>(p2.size()));
+    engine->ProcessNametableRsp(p2.data(), static_cast<int>(p2.size()));
     EXPECT_TRUE(m->NameTableComplete);
     EXPECT_EQ(m->instrumentsById.size(), 3u);
     EXPECT_EQ(m->FindInstrumentByID("cu01"), m->FindInstrument("cu01"));
 
     Names(2101, {{"first", "a01", "A", 1, 1, 0}, {"second", "a02", "A", 1, 2, 0}});
-    CQxInstrument* byId = api->FindMarket(2101)->FindInstrumentByID("A");
+    CQxInstrument* byId = engine->FindMarket(2101)->FindInstrumentByID("A");
     ASSERT_NE(byId, nullptr);
     EXPECT_STREQ(byId->marketCode, "a02");
 }
@@ -253,13 +253,13 @@ TEST_F(NameTableTest, TableResentFromRowZeroStartsFromEmpty) {
     EXPECT_EQ(Inst(2001, "cu01"), nullptr);
     ASSERT_NE(Inst(2001, "cu02"), nullptr);
     EXPECT_EQ(Inst(2001, "cu02")->quoteDate, 0u);
-    EXPECT_EQ(api->FindMarket(2001)->instrumentsById.size(), 1u);
+    EXPECT_EQ(engine->FindMarket(2001)->instrumentsById.size(), 1u);
 }
 
 TEST_F(NameTableTest, UnknownMarketIsDropped) {
     Names(4242, {{"X", "x01", "X01", 1, 0, 0}});
-    EXPECT_EQ(api->FindMarket(4242), nullptr);
-    EXPECT_TRUE(api->FindMarket(2001)->instruments.empty());
+    EXPECT_EQ(engine->FindMarket(4242), nullptr);
+    EXPECT_TRUE(engine->FindMarket(2001)->instruments.empty());
 }
 
 TEST_F(NameTableTest, FullWidthTextsAreTerminated) {
@@ -273,7 +273,7 @@ TEST_F(NameTableTest, FullWidthTextsAreTerminated) {
 
 TEST_F(NameTableTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {
     std::vector<char> body = Exact(NameTableBody(2001, 5, 0, {{"A", "cu01", "CU01", 1, 0, 0}}, 5));
-    api->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
+    engine->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
     EXPECT_NE(Inst(2001, "cu01"), nullptr);
-    EXPECT_FALSE(api->FindMarket(2001)->NameTableComplete);
+    EXPECT_FALSE(engine->FindMarket(2001)->NameTableComplete);
 }

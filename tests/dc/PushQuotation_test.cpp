@@ -39,7 +39,7 @@ PushedRow Push(unsigned second = 30, unsigned ms = 125) {
 class PushQuotationTest : public HandlerTest {
 protected:
     void SetUp() override {
-        MakeApi(true);
+        HandlerTest::SetUp();
         MarketStatusRow m;
         m.market = 2001;
         m.tradingDay = m.secondDay = 20240102;
@@ -55,11 +55,11 @@ protected:
 
     bool Full(const PushedRow& row, COrvexWiraDepthMarketDataField* out) {
         std::vector<char> bytes = Exact(row.Encode());
-        return api->ProcessPushQuotation(bytes.data(), static_cast<int>(bytes.size()), inst, out);
+        return engine->ProcessPushQuotation(bytes.data(), static_cast<int>(bytes.size()), inst, out);
     }
     bool Delta(const PushedRow& row, COrvexWiraDepthMarketDataField* out, bool* changed) {
         std::vector<char> bytes = Exact(row.Encode());
-        return api->ProcessPushQuotationDelta(bytes.data(), static_cast<int>(bytes.size()), inst, changed, out);
+        return engine->ProcessPushQuotationDelta(bytes.data(), static_cast<int>(bytes.size()), inst, changed, out);
     }
     template <class T>
     T Raw(size_t offset) {
@@ -141,16 +141,16 @@ TEST_F(PushQuotationTest, NullArgumentsChangeNothing) {
     COrvexWiraDepthMarketDataField out;
     std::string bytes = Push().Price(kPushLast, 1).Encode();
     const int n = static_cast<int>(bytes.size());
-    EXPECT_FALSE(api->ProcessPushQuotation(nullptr, n, inst, &out));
-    EXPECT_FALSE(api->ProcessPushQuotation(bytes.data(), n, nullptr, &out));
-    EXPECT_FALSE(api->ProcessPushQuotation(bytes.data(), n, inst, nullptr));
+    EXPECT_FALSE(engine->ProcessPushQuotation(nullptr, n, inst, &out));
+    EXPECT_FALSE(engine->ProcessPushQuotation(bytes.data(), n, nullptr, &out));
+    EXPECT_FALSE(engine->ProcessPushQuotation(bytes.data(), n, inst, nullptr));
     bool changed = true;
-    EXPECT_FALSE(api->ProcessPushQuotationDelta(nullptr, n, inst, &changed, &out));
-    EXPECT_FALSE(api->ProcessPushQuotationDelta(bytes.data(), n, nullptr, &changed, &out));
-    EXPECT_FALSE(api->ProcessPushQuotationDelta(bytes.data(), n, inst, &changed, nullptr));
+    EXPECT_FALSE(engine->ProcessPushQuotationDelta(nullptr, n, inst, &changed, &out));
+    EXPECT_FALSE(engine->ProcessPushQuotationDelta(bytes.data(), n, nullptr, &changed, &out));
+    EXPECT_FALSE(engine->ProcessPushQuotationDelta(bytes.data(), n, inst, &changed, nullptr));
     EXPECT_TRUE(changed);
     EXPECT_EQ(std::memcmp(&before, &inst->depth, sizeof(before)), 0);
-    EXPECT_TRUE(api->ProcessPushQuotationDelta(bytes.data(), n, inst, nullptr, &out));
+    EXPECT_TRUE(engine->ProcessPushQuotationDelta(bytes.data(), n, inst, nullptr, &out));
 }
 
 TEST_F(PushQuotationTest, FieldsClaimedBeyondTheRowAreNotRead) {
@@ -168,7 +168,7 @@ TEST_F(PushQuotationTest, FieldsClaimedBeyondTheRowAreNotRead) {
     EXPECT_EQ(out.Turnover, DBL_MAX);
 
     std::vector<char> shortRow = Exact(Push().Encode().substr(0, 38));
-    EXPECT_FALSE(api->ProcessPushQuotation(shortRow.data(), 38, inst, &out));
+    EXPECT_FALSE(engine->ProcessPushQuotation(shortRow.data(), 38, inst, &out));
 }
 
 // ---- delta applier ----
@@ -416,7 +416,7 @@ TEST_F(PushQuotationTest, RandomRowsMatchAFieldByFieldReading) {
         bool changed = false;
         bool expectedChanged = false;
         if (delta) {
-            ASSERT_TRUE(api->ProcessPushQuotationDelta(bytes.data(), static_cast<int>(length), inst, &changed, &out));
+            ASSERT_TRUE(engine->ProcessPushQuotationDelta(bytes.data(), static_cast<int>(length), inst, &changed, &out));
             // The delta record starts zeroed with every change-tracked field
             // marked unchanged; the texts come from the record.
             std::memset(&expectedOut, 0, sizeof(expectedOut));
@@ -448,7 +448,7 @@ TEST_F(PushQuotationTest, RandomRowsMatchAFieldByFieldReading) {
             expectedChanged = oracle.Apply(full, length, &expectedOut);
             EXPECT_EQ(expectedChanged, changed) << "round " << round;
         } else {
-            ASSERT_TRUE(api->ProcessPushQuotation(bytes.data(), static_cast<int>(length), inst, &out));
+            ASSERT_TRUE(engine->ProcessPushQuotation(bytes.data(), static_cast<int>(length), inst, &out));
             std::memcpy(oracle.depth.UpdateTime, inst->depth.UpdateTime, sizeof(oracle.depth.UpdateTime));
             oracle.depth.UpdateMillisec = inst->depth.UpdateMillisec;
             std::memcpy(oracle.depth.ActionDay, inst->depth.ActionDay, sizeof(oracle.depth.ActionDay));

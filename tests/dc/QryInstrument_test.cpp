@@ -1,7 +1,9 @@
 // Instrument queries answered from the model, handed to the file service,
 // and answered from contract files once their markets are ready.
 #include <functional>
+#include <tuple>
 
+#include "dc/DCThread.h"
 #include "dc/HandlerKit.h"
 #include "dc/QxsfAnswer.h"
 #include "sf/QXSFThread.h"
@@ -38,19 +40,30 @@ public:
 
 }  // namespace
 
-class QryInstrumentTest : public HandlerTest {
+// An API object (not started) whose engine is fed directly; queries go
+// through the API object's queue and one pass of its queue service.
+class QryInstrumentTest : public ::testing::Test {
 protected:
     void SetUp() override {
         CQXSFThread::ClearFronts();
-        MakeApi(true);
+        api.reset(new CDCThread("", true));
+        engine = &api->EngineForTest();
         api->RegisterSpi(&hookSpi);
         Status({Market(2001), Market(2101), Market(2200, 0)});   // 2200: no trading day yet
         Names(2001, {{"Copper long name", "cu2403", "CU2403", 10, 5, 0}, {"Cu", "cu2405", "CU2405", 10, 6, 0}});
         Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
     }
     void TearDown() override {
-        HandlerTest::TearDown();
+        api.reset();
         CQXSFThread::ClearFronts();
+    }
+    void Status(const std::vector<MarketStatusRow>& rows) {
+        std::string body = MarketStatusBody(static_cast<uint16_t>(rows.size()), 0, rows);
+        engine->ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
+    }
+    void Names(uint16_t market, const std::vector<NameRow>& rows) {
+        std::string body = NameTableBody(market, static_cast<uint16_t>(rows.size()), 0, rows);
+        engine->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
     }
 
     int Ask(COrvexWiraQryInstrumentField q, int requestId) { return api->ReqQryInstrument(&q, requestId); }
@@ -63,29 +76,30 @@ protected:
         return out;
     }
 
+    ScopedTempDir dir;
     HookSpi hookSpi;
+    std::unique_ptr<CDCThread> api;
+    CMdEngine* engine = nullptr;
 };
 
 TEST_F(QryInstrumentTest, QueryIsCopiedWhenQueuedAndANullOneRefused) {
     EXPECT_EQ(api->ReqQryInstrument(nullptr, 1), -1);
-    EXPECT_TRUE(api->m_qryQueue.empty());
     COrvexWiraQryInstrumentField q = Query("SHFE", "cu2403");
     EXPECT_EQ(api->ReqQryInstrument(&q, 9), 0);
-    std::memset(&q, 0, sizeof(q));
-    ASSERT_EQ(api->m_qryQueue.size(), 1u);
-    EXPECT_EQ(api->m_qryQueue[0].nRequestID, 9);
-    EXPECT_EQ(Texts({api->m_qryQueue[0].query.ExchangeID, api->m_qryQueue[0].query.InstrumentID}),
-              (std::vector<std::string>{"SHFE", "cu2403"}));
+    std::memset(&q, 0, sizeof(q));   // the queue holds its own copy
+    api->ServeQueues();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"9:cu2403", "9:cu2405!"}));
+    api->ServeQueues();
+    EXPECT_EQ(Answered().size(), 2u);
 }
 
 TEST_F(QryInstrumentTest, QueryAnswersItsExchangeOrAllMarketsInIdOrderOrOneErrorForAnUnknownExchange) {
     Ask(Query("SHFE", "cu2405"), 7);   // the instrument does not narrow the answer
     Ask(Query(""), 3);
     Ask(Query("XYZ"), 4);
-    api->CheckQryInstrument();
+    api->ServeQueues();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"7:cu2403", "7:cu2405!", "3:cu2403", "3:cu2405", "3:a2405!",
                                                     "4:-!"}));
-    EXPECT_TRUE(api->m_qryQueue.empty());
     const InstrumentAnswer& a = hookSpi.instruments[0];
     EXPECT_EQ(Texts({a.rec.ExchangeID, a.rec.ExchangeInstID}), (std::vector<std::string>{"SHFE", "CU2403"}));
     EXPECT_EQ(a.rec.VolumeMultiple, 5);
@@ -103,23 +117,25 @@ TEST_F(QryInstrumentTest, QueryAnswersItsExchangeOrAllMarketsInIdOrderOrOneError
 TEST_F(QryInstrumentTest, QueryWaitsForAHalfReceivedNameTable) {
     Status({Market(2000)});   // a second SHFE market, its names still to come
     std::string part = NameTableBody(2000, 3, 0, {{"A", "cu01", "CU01", 1, 1, 0}, {"B", "cu02", "CU02", 1, 1, 0}});
-    api->ProcessNametableRsp(part.data(), static_cast<int>(part.size()));
+    engine->ProcessNametableRsp(part.data(), static_cast<int>(part.size()));
     Ask(Query("SHFE"), 5);
     Ask(Query("DCE"), 6);
-    api->CheckQryInstrument();
+    api->ServeQueues();
     EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!"}));
-    ASSERT_EQ(api->m_qryQueue.size(), 1u);
+    api->ServeQueues();
+    EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!"}));   // still waiting
 
     std::string rest = NameTableBody(2000, 3, 2, {{"C", "cu03", "CU03", 1, 1, 0}});
-    api->ProcessNametableRsp(rest.data(), static_cast<int>(rest.size()));
-    api->CheckQryInstrument();
+    engine->ProcessNametableRsp(rest.data(), static_cast<int>(rest.size()));
+    api->ServeQueues();
     EXPECT_EQ(Answered(), (std::vector<std::string>{"6:a2405!", "5:cu2403", "5:cu2405", "5:cu01", "5:cu02",
                                                     "5:cu03!"}));
-    EXPECT_TRUE(api->m_qryQueue.empty());
+    api->ServeQueues();
+    EXPECT_EQ(Answered().size(), 6u);
 }
 
 TEST_F(QryInstrumentTest, WaitingQueriesGoBackAheadOfQueriesMadeMeanwhile) {
-    api->FindMarket(2001)->NameTableComplete = false;
+    engine->FindMarket(2001)->NameTableComplete = false;
     int calls = 0;
     hookSpi.onAnswer = [&] {
         if (calls++ == 0) Ask(Query("DCE"), 30);
@@ -127,15 +143,11 @@ TEST_F(QryInstrumentTest, WaitingQueriesGoBackAheadOfQueriesMadeMeanwhile) {
     Ask(Query("SHFE"), 10);
     Ask(Query("DCE"), 20);
     Ask(Query(""), 11);
-    api->CheckQryInstrument();
+    api->ServeQueues();
     EXPECT_EQ(Answered(), std::vector<std::string>{"20:a2405!"});
-    ASSERT_EQ(api->m_qryQueue.size(), 3u);
-    EXPECT_EQ(api->m_qryQueue[0].nRequestID, 10);
-    EXPECT_EQ(api->m_qryQueue[1].nRequestID, 11);
-    EXPECT_EQ(api->m_qryQueue[2].nRequestID, 30);
 
-    api->FindMarket(2001)->NameTableComplete = true;
-    api->CheckQryInstrument();
+    engine->FindMarket(2001)->NameTableComplete = true;
+    api->ServeQueues();
     EXPECT_EQ(Answered(), (std::vector<std::string>{"20:a2405!", "10:cu2403", "10:cu2405!", "11:cu2403", "11:cu2405",
                                                     "11:a2405!", "30:a2405!"}));
 }
@@ -144,16 +156,14 @@ TEST_F(QryInstrumentTest, WithoutInstrumentsOrWithoutCallbackObjectQueriesAreDis
     Status({Market(5000)});
     Names(5000, {});
     Ask(Query("5000"), 8);
-    api->CheckQryInstrument();
+    api->ServeQueues();
     EXPECT_TRUE(hookSpi.instruments.empty());
-    EXPECT_TRUE(api->m_qryQueue.empty());
 
     api->RegisterSpi(nullptr);
     Ask(Query("SHFE"), 1);
-    api->CheckQryInstrument();
-    EXPECT_TRUE(api->m_qryQueue.empty());
+    api->ServeQueues();
     api->RegisterSpi(&hookSpi);
-    api->CheckQryInstrument();
+    api->ServeQueues();
     EXPECT_TRUE(hookSpi.instruments.empty());
 }
 
@@ -169,21 +179,54 @@ TEST_F(QryInstrumentTest, WithFileFrontsTheQueryIsHandedToAFileWorker) {
 
     Ask(Query("XYZ"), 1);
     Ask(Query("DCE"), 2);
-    api->CheckQryInstrument();
-    ASSERT_EQ(api->m_qxsfWorkers.size(), 1u);
-    EXPECT_TRUE(api->m_qryQueue.empty());
+    api->ServeQueues();
+    ASSERT_EQ(api->FileWorkersForTest(), 1u);
     ASSERT_FALSE(hookSpi.Copy(hookSpi.instruments).empty());
     EXPECT_EQ(hookSpi.Copy(hookSpi.instruments)[0].requestId, 1);   // the unknown exchange, as before
 
-    CQXSFThread* worker = api->m_qxsfWorkers[0];
-    EXPECT_EQ(worker->GetRryInfo()->nRequestID, 2);
-    EXPECT_STREQ(worker->GetRryInfo()->query.ExchangeID, "DCE");
-    ASSERT_TRUE(WaitUntil([&] { return worker->IsExit(); }, 5000));
+    // The worker has the second query: its connection failure answers it.
+    ASSERT_TRUE(WaitUntil([&] { return hookSpi.Copy(hookSpi.instruments).size() == 2; }, 5000));
+    const InstrumentAnswer failed = hookSpi.Copy(hookSpi.instruments)[1];
+    EXPECT_EQ(std::make_tuple(failed.requestId, failed.hasRecord, failed.info.ErrorID), std::make_tuple(2, false, 4099));
 
     // A failed worker is released without a pending answer.
-    api->CheckQXSF();
-    EXPECT_TRUE(api->m_qxsfWorkers.empty());
-    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            api->ServeQueues();
+            return api->FileWorkersForTest() == 0;
+        },
+        5000));
+    EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
+}
+
+// What the engine hands to the file service: the query and the markets by
+// exchange code, the queried exchange alone or every market of the model.
+class HandOverTest : public HandlerTest {};
+
+TEST_F(HandOverTest, QueryAndMarketNamesGoToTheFileService) {
+    host.fileService = true;
+    Status({Market(2000), Market(2001), Market(2101)});
+    Names(2000, {});
+    Names(2001, {{"Cu", "cu2405", "CU2405", 10, 6, 0}});
+    Names(2101, {{"Soybean", "a2405", "A2405", 1, 10, 0}});
+    _QryInstrumentInfo dce{};
+    dce.nRequestID = 2;
+    std::strcpy(dce.query.ExchangeID, "DCE");
+    _QryInstrumentInfo all{};
+    all.nRequestID = 3;
+    _QryInstrumentInfo unknown{};
+    unknown.nRequestID = 4;
+    std::strcpy(unknown.query.ExchangeID, "XYZ");
+    EXPECT_TRUE(engine->ServeQueries({dce, all, unknown}).empty());
+    ASSERT_EQ(host.handOvers.size(), 2u);
+    EXPECT_EQ(host.handOvers[0].query.nRequestID, 2);
+    EXPECT_STREQ(host.handOvers[0].query.query.ExchangeID, "DCE");
+    EXPECT_EQ(host.handOvers[0].markets, std::vector<std::string>{"DCE"});
+    EXPECT_EQ(host.handOvers[1].query.nRequestID, 3);
+    EXPECT_EQ(host.handOvers[1].markets, (std::vector<std::string>{"SHFE", "SHFE", "DCE"}));
+    // Only the unknown exchange was answered here, with its error.
+    ASSERT_EQ(spi.instruments.size(), 1u);
+    EXPECT_EQ(std::make_pair(spi.instruments[0].requestId, spi.instruments[0].hasRecord), std::make_pair(4, false));
 }
 
 // ---- answers from contract files ----
@@ -199,7 +242,7 @@ protected:
         CQxsfRsp* rsp = new CQxsfRsp(info);
         if (market)
             for (const auto& r : records) rsp->contracts[market][r.InstrumentID] = r;
-        api->m_qxsfAnswers.push_back(rsp);
+        engine->AddFileAnswer(std::unique_ptr<CQxsfRsp>(rsp));
     }
     static COrvexWiraInstrumentField Contract(const char* code, double n13, const char* text4) {
         COrvexWiraInstrumentField r;
@@ -213,7 +256,7 @@ protected:
 
 TEST_F(QxsfAnswerTest, ContractFieldsAreMergedWithTheModel) {
     Pending("SHFE", 12, "SHFE", {Contract("CU2403", 0.5, "20170315")});
-    api->CheckQXSFQryInstrument();
+    engine->ServeFileAnswers();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"12:cu2403", "12:cu2405!"}));
     const COrvexWiraInstrumentField& first = hookSpi.instruments[0].rec;
     // The model's code wins; the contract's Text4 is merged in.
@@ -224,35 +267,35 @@ TEST_F(QxsfAnswerTest, ContractFieldsAreMergedWithTheModel) {
     const COrvexWiraInstrumentField& second = hookSpi.instruments[1].rec;
     EXPECT_EQ(second.Number13, 0.5);
     EXPECT_EQ(Texts({second.Text4, second.ExchangeInstID}), (std::vector<std::string>{"20170315", "CU2405"}));
-    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+    EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
 }
 
 TEST_F(QxsfAnswerTest, UnknownExchangeIsAnsweredWithItsNameAndTheNextAnswerFollows) {
     Pending("XYZ", 1);
     Pending("DCE", 2);
     Pending("SHFE", 3);
-    api->CheckQXSFQryInstrument();
+    engine->ServeFileAnswers();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"1:-!", "2:a2405!"}));
     EXPECT_EQ(std::string(hookSpi.instruments[0].info.ErrorMsg), kGbkUnknownExchange + " XYZ.");
     EXPECT_EQ(hookSpi.instruments[0].info.ErrorID, 1);
-    ASSERT_EQ(api->m_qxsfAnswers.size(), 1u);   // one answer per call
-    api->CheckQXSFQryInstrument();
+    ASSERT_EQ(engine->FileAnswersWaiting(), 1u);   // one answer per call
+    engine->ServeFileAnswers();
     EXPECT_EQ(Answered().back(), "3:cu2405!");
-    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+    EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
 }
 
 TEST_F(QxsfAnswerTest, AnswerWaitsForItsMarketsWhileLaterOnesAreGiven) {
-    api->FindMarket(2001)->NameTableComplete = false;
+    engine->FindMarket(2001)->NameTableComplete = false;
     Pending("SHFE", 1);
     Pending("", 2);
     Pending("DCE", 3);
-    api->CheckQXSFQryInstrument();
+    engine->ServeFileAnswers();
     EXPECT_EQ(Answered(), std::vector<std::string>{"3:a2405!"});
-    ASSERT_EQ(api->m_qxsfAnswers.size(), 2u);
+    ASSERT_EQ(engine->FileAnswersWaiting(), 2u);
 
-    api->FindMarket(2001)->NameTableComplete = true;
-    api->CheckQXSFQryInstrument();
-    api->CheckQXSFQryInstrument();
+    engine->FindMarket(2001)->NameTableComplete = true;
+    engine->ServeFileAnswers();
+    engine->ServeFileAnswers();
     EXPECT_EQ(Answered(), (std::vector<std::string>{"3:a2405!", "1:cu2403", "1:cu2405!", "2:cu2403", "2:cu2405",
                                                     "2:a2405!"}));
 }
@@ -261,7 +304,7 @@ TEST_F(QxsfAnswerTest, AnswerWithoutInstrumentsIsRemovedSilently) {
     Status({Market(5000)});
     Names(5000, {});
     Pending("5000", 4);
-    api->CheckQXSFQryInstrument();
+    engine->ServeFileAnswers();
     EXPECT_TRUE(hookSpi.instruments.empty());
-    EXPECT_TRUE(api->m_qxsfAnswers.empty());
+    EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
 }

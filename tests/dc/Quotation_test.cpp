@@ -63,11 +63,10 @@ QuoteRow Dated(const char* code, int32_t last, uint32_t date = 20240102, uint16_
 
 class QuotationTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        MakeApi(true);
-        Build();
-    }
-    void Build() {
+    void SetUp() override { Build(); }
+    // A new engine with these settings and the markets of every test.
+    void Build(const MdEngineSettings& settings = MdEngineSettings()) {
+        MakeEngine(settings);
         Status({Market(2001), Market(2011, 7), Market(2101, 2)});
         Names(2001, {{"Copper 2403", "cu2403", "CU2403", 10, 5, 0}, {"Copper 2405", "cu2405", "CU2405", 100, 5, 0}});
         Names(2011, {{"Copper deep", "cu2403", "CU2403", 10, 5, 0}});
@@ -75,6 +74,17 @@ protected:
         spi.events.clear();
         spi.logins.clear();
         spi.statuses.clear();
+        host.TakeRequests();
+    }
+    // A re-login whose market list is unchanged starts loading the
+    // quotation again without clearing the model.
+    void StartLoading() {
+        std::string answer = LoginAnswerBody(1, 0, {});
+        engine->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
+        ASSERT_TRUE(engine->ModelLoading());
+        spi.events.clear();
+        spi.logins.clear();
+        host.TakeRequests();
     }
     std::vector<std::string> Depths() {
         std::vector<std::string> out;
@@ -147,30 +157,31 @@ TEST_F(QuotationTest, UndatedRowIsStoredAndReportedOnlyOnceTheInstrumentWasDated
 }
 
 TEST_F(QuotationTest, RowsAreStoredButNotDeliveredWithoutACallbackObjectOrTheSnapshotFlag) {
-    api->RegisterSpi(nullptr);
+    engine->SetSpi(nullptr);
     Quotes(2001, {Dated("cu2403", 700100)});
     EXPECT_TRUE(spi.Events().empty());   // completion makes no call either
     EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
 
-    MakeApi(false);
-    Build();
+    Build(With([](MdEngineSettings& s) { s.deliverSnapshot = false; }));
     Quotes(2001, {Dated("cu2403", 700100)});
     EXPECT_TRUE(spi.depths.empty());
     EXPECT_EQ(Inst(2001, "cu2403")->depth.LastPrice, 70010.0);
 }
 
 TEST_F(QuotationTest, SubscriptionModeDeliversSubscribedInstrumentsAndWholeExchanges) {
-    api->m_bSubscribe = true;
-    api->FindExchange("SHFE")->subscribed.insert("cu2405");
+    Build(With([](MdEngineSettings& s) { s.subscribe = true; }));
+    engine->Subscribe({"cu2405.SHFE"});
     Quotes(2001, {Dated("cu2403", 700100), Dated("cu2405", 7000000)});
     Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
     EXPECT_EQ(Depths(), std::vector<std::string>{"cu2405"});
 
-    api->FindExchange("DCE")->WholeExchange = true;
+    // Subscribing the exchange replays its dated quote, then the snapshot
+    // delivers it.
+    engine->Subscribe({"DCE"});
     Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
-    EXPECT_EQ(Depths(), (std::vector<std::string>{"cu2405", "a2405"}));
+    EXPECT_EQ(Depths(), (std::vector<std::string>{"cu2405", "a2405", "a2405"}));
 
-    api->m_bSubscribe = false;
+    Build();
     Quotes(2001, {Dated("cu2403", 700100)});
     EXPECT_EQ(Depths().back(), "cu2403");
 }
@@ -181,9 +192,9 @@ TEST_F(QuotationTest, OnlyKnownInstrumentsOfMarketsOfTheChosenLevelAreRead) {
     Quotes(4242, {Dated("cu2403", 700900, 20240102, 4242)});
     ASSERT_EQ(spi.depths.size(), 1u);
     EXPECT_EQ(spi.depths[0].LastPrice, 70010.0);
-    EXPECT_EQ(api->FindMarket(2011)->FindInstrument("cu2403")->quoteDate, 0u);
+    EXPECT_EQ(engine->FindMarket(2011)->FindInstrument("cu2403")->quoteDate, 0u);
 
-    api->m_nLevel = 1;
+    Build(With([](MdEngineSettings& s) { s.level = 1; }));
     Quotes(2001, {Dated("cu2403", 700500)});
     Quotes(2011, {Dated("cu2403", 700300, 20240102, 2011)});
     ASSERT_EQ(spi.depths.size(), 2u);
@@ -191,16 +202,16 @@ TEST_F(QuotationTest, OnlyKnownInstrumentsOfMarketsOfTheChosenLevelAreRead) {
 }
 
 TEST_F(QuotationTest, CompletesOnlyWithTheLastPacketAndItsLastRow) {
-    api->m_bLog = true;
-    api->m_bModelLoading = true;
+    Build(With([](MdEngineSettings& s) { s.log = true; }));
+    StartLoading();
     std::string p0 = QuotationBody(2, 0, 2001, 2, 0, {Dated("cu2403", 700100)});
-    api->ProcessQuotationRsp(p0.data(), static_cast<int>(p0.size()));
-    EXPECT_TRUE(api->m_bModelLoading);
+    engine->ProcessQuotationRsp(p0.data(), static_cast<int>(p0.size()));
+    EXPECT_TRUE(engine->ModelLoading());
     EXPECT_TRUE(spi.statuses.empty());
 
     std::string p1 = QuotationBody(2, 1, 2001, 2, 1, {Dated("cu2405", 7000000)});
-    api->ProcessQuotationRsp(p1.data(), static_cast<int>(p1.size()));
-    EXPECT_FALSE(api->m_bModelLoading);
+    engine->ProcessQuotationRsp(p1.data(), static_cast<int>(p1.size()));
+    EXPECT_FALSE(engine->ModelLoading());
     EXPECT_NE(LogText().find("Quotation Completed"), std::string::npos);
 
     // Every exchange's main market, in key order, with its status.
@@ -226,19 +237,20 @@ TEST_F(QuotationTest, EmptyOrNotAdmittedMarketStillCompletesAndMainStatusSevenIs
 
 TEST_F(QuotationTest, HeldDynamicInformationIsReplayedInOrderBeforeTheStatusReports) {
     Quotes(2001, {FullRow()});
-    spi.events.clear();
-    api->m_bModelLoading = true;
+    StartLoading();
     PushedRow first(2001, "cu2403", 20240102, PackQuoteTime(9, 30, 20, 0));
     first.Price(kPushLast, 700300);
     PushedRow second(2001, "cu2403", 20240102, PackQuoteTime(9, 30, 21, 0));
     second.Price(kPushLast, 700400);
-    api->m_heldDynainfo.push_back(DynaPushRecord(1, first));
-    api->m_heldDynainfo.push_back(DynaPushRecord(2, second));
+    for (const std::string& body : {DynaPushRecord(1, first), DynaPushRecord(2, second)})
+        engine->Dispatch(kCmdDynainfo, body.data(), static_cast<int>(body.size()));
+    EXPECT_EQ(engine->HeldDynainfoCount(), 2u);
+    EXPECT_TRUE(spi.Events().empty());
 
     std::string last = QuotationBody(1, 0, 2001, 0, 0, {});
-    api->ProcessQuotationRsp(last.data(), static_cast<int>(last.size()));
+    engine->ProcessQuotationRsp(last.data(), static_cast<int>(last.size()));
 
-    EXPECT_TRUE(api->m_heldDynainfo.empty());
+    EXPECT_EQ(engine->HeldDynainfoCount(), 0u);
     std::vector<std::string> events = spi.Events();
     ASSERT_EQ(events.size(), 4u);
     EXPECT_EQ(events[0] + " " + events[1] + " " + events[2].substr(0, 7), "depth:cu2403 depth:cu2403 status:");
@@ -249,12 +261,12 @@ TEST_F(QuotationTest, HeldDynamicInformationIsReplayedInOrderBeforeTheStatusRepo
 
 TEST_F(QuotationTest, PacketClaimingMoreRowsThanItHoldsStopsAtItsEnd) {
     std::vector<char> body = Exact(QuotationBody(1, 0, 2001, 3, 0, {Dated("cu2403", 700100)}, 3));
-    api->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
+    engine->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
     EXPECT_EQ(Depths(), std::vector<std::string>{"cu2403"});
     EXPECT_TRUE(spi.statuses.empty());
 
     std::vector<char> head = Exact(QuotationBody(1, 0, 2001, 0, 0, {}).substr(0, 13));
-    api->ProcessQuotationRsp(head.data(), static_cast<int>(head.size()));
+    engine->ProcessQuotationRsp(head.data(), static_cast<int>(head.size()));
     EXPECT_TRUE(spi.statuses.empty());
 }
 
@@ -274,7 +286,7 @@ TEST_F(QuotationTest, TenThousandInstrumentSnapshotLoadsInFullPackets) {
         std::vector<NameRow> part(names.begin() + first, names.begin() + std::min(kCount, first + kNamesPerPacket));
         std::string body = NameTableBody(5000, kCount, static_cast<uint16_t>(first), part);
         ASSERT_LE(body.size(), 4092u);
-        api->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
+        engine->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
     }
     constexpr int kRowsPerPacket = 15;     // 14 + 15 * 263 <= 4092
     const int packets = (kCount + kRowsPerPacket - 1) / kRowsPerPacket;
@@ -285,11 +297,11 @@ TEST_F(QuotationTest, TenThousandInstrumentSnapshotLoadsInFullPackets) {
         std::string body = QuotationBody(static_cast<uint16_t>(packets), static_cast<uint16_t>(p), 5000, kCount,
                                          static_cast<uint16_t>(p * kRowsPerPacket), rows);
         ASSERT_LE(body.size(), 4092u);
-        api->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
+        engine->ProcessQuotationRsp(body.data(), static_cast<int>(body.size()));
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-    EXPECT_EQ(api->FindMarket(5000)->instrumentsById.size(), static_cast<size_t>(kCount));
+    EXPECT_EQ(engine->FindMarket(5000)->instrumentsById.size(), static_cast<size_t>(kCount));
     ASSERT_EQ(spi.depths.size(), static_cast<size_t>(kCount));
     EXPECT_EQ(spi.depths[9999].LastPrice, 100.0);
     EXPECT_EQ(spi.statuses.size(), 3u);    // completed once

@@ -1,8 +1,12 @@
 // Subscription requests: queueing, the three request forms, the replay of
 // current quotes and unsubscription.
+#include <sys/socket.h>
+
 #include <functional>
 
+#include "dc/DCThread.h"
 #include "dc/HandlerKit.h"
+#include "protocol/DcFrames.h"
 
 using namespace orvex_test;
 
@@ -35,9 +39,11 @@ protected:
     void SetUp() override { Build(true); }
 
     void Build(bool deliverSnapshot) {
-        MakeApi(deliverSnapshot);
-        api->RegisterSpi(&hookSpi);
-        api->m_bSubscribe = true;
+        MakeEngine(With([deliverSnapshot](MdEngineSettings& s) {
+            s.deliverSnapshot = deliverSnapshot;
+            s.subscribe = true;
+        }));
+        engine->SetSpi(&hookSpi);
         // SHFE has two markets that both list ab1234; DCE and a 5000
         // exchange (not one of the four) also list it.
         std::vector<MarketStatusRow> markets;
@@ -53,16 +59,8 @@ protected:
         hookSpi.events.clear();
     }
 
-    // Queues the requests and lets the worker serve them.
-    void Request(bool subscribe, std::vector<std::string> ids) {
-        std::vector<char*> p;
-        for (std::string& s : ids) p.push_back(&s[0]);
-        const int n = static_cast<int>(p.size());
-        EXPECT_EQ(subscribe ? api->SubscribeMarketData(p.data(), n) : api->UnSubscribeMarketData(p.data(), n), 0);
-        subscribe ? api->CheckSubscribeInfo() : api->CheckUnSubscribeInfo();
-    }
-    void Subscribe(std::vector<std::string> ids) { Request(true, std::move(ids)); }
-    void Unsubscribe(std::vector<std::string> ids) { Request(false, std::move(ids)); }
+    void Subscribe(const std::vector<std::string>& ids) { engine->Subscribe(ids); }
+    void Unsubscribe(const std::vector<std::string>& ids) { engine->Unsubscribe(ids); }
     // Last prices of the replayed records, in order (the market id was used
     // as the raw last price).
     std::vector<double> Replayed() {
@@ -75,8 +73,8 @@ protected:
     std::string State() {
         std::string s;
         for (const char* e : {"SHFE", "DCE", "5000"}) {
-            s += std::string(e) + (api->FindExchange(e)->WholeExchange ? "*" : "") + "{";
-            for (const std::string& id : api->FindExchange(e)->subscribed) s += id + ",";
+            s += std::string(e) + (engine->FindExchange(e)->WholeExchange ? "*" : "") + "{";
+            for (const std::string& id : engine->FindExchange(e)->subscribed) s += id + ",";
             s += "} ";
         }
         return s;
@@ -117,46 +115,9 @@ TEST_F(SubscriptionTest, EachRequestFormSubscribesAndReplaysTheCurrentQuotes) {
         EXPECT_EQ(State(), c.state) << "case " << c.name;
         EXPECT_EQ(Replayed(), c.replayed) << "case " << c.name;
         // No request makes up an exchange.
-        EXPECT_EQ(api->FindExchange("CZCE"), nullptr) << "case " << c.name;
-        EXPECT_EQ(api->FindExchange("XYZ"), nullptr) << "case " << c.name;
+        EXPECT_EQ(engine->FindExchange("CZCE"), nullptr) << "case " << c.name;
+        EXPECT_EQ(engine->FindExchange("XYZ"), nullptr) << "case " << c.name;
     }
-}
-
-TEST_F(SubscriptionTest, OnlyRealRequestsInSubscriptionModeAreQueued) {
-    char id[] = "ab1234.SHFE";
-    char* ids[] = {nullptr, id};
-    api->m_bSubscribe = false;
-    EXPECT_EQ(api->SubscribeMarketData(ids + 1, 1), 0);
-    EXPECT_EQ(api->UnSubscribeMarketData(ids + 1, 1), 0);
-    EXPECT_TRUE(api->m_subQueue.empty());
-    EXPECT_TRUE(api->m_unsubQueue.empty());
-
-    // Empty counts and null entries queue nothing.
-    api->m_bSubscribe = true;
-    EXPECT_EQ(api->SubscribeMarketData(ids, 0), 0);
-    EXPECT_EQ(api->SubscribeMarketData(ids, -3), 0);
-    EXPECT_EQ(api->SubscribeMarketData(nullptr, 2), 0);
-    EXPECT_TRUE(api->m_subQueue.empty());
-    EXPECT_EQ(api->SubscribeMarketData(ids, 2), 0);
-    EXPECT_EQ(api->m_subQueue, std::vector<std::string>{"ab1234.SHFE"});
-}
-
-TEST_F(SubscriptionTest, CallbackMaySubscribeAgainWithoutDeadlock) {
-    int calls = 0;
-    hookSpi.onDepth = [&] {
-        if (calls++ > 0) return;
-        char id[] = "DCE";
-        char* ids[] = {id};
-        api->SubscribeMarketData(ids, 1);
-        api->UnSubscribeMarketData(ids, 1);
-    };
-    Subscribe({"ab1234.SHFE", "ef1.SHFE"});
-    EXPECT_EQ(State(), "SHFE{ab1234,ef1,} DCE{} 5000{} ");
-    EXPECT_EQ(api->m_subQueue, std::vector<std::string>{"DCE"});
-
-    api->CheckSubscribeInfo();
-    EXPECT_EQ(State(), "SHFE{ab1234,ef1,} DCE*{} 5000{} ");
-    EXPECT_TRUE(api->m_subQueue.empty());
 }
 
 TEST_F(SubscriptionTest, UnsubscribingAnExchangeDropsAllOnItAndAnInstrumentItself) {
@@ -181,4 +142,104 @@ TEST_F(SubscriptionTest, SubscriptionsSteerTheQuoteFilter) {
     Quotes(2101, {Dated("ab1234", 2101, 11)});
     Quotes(2001, {Dated("ab1234", 2001, 12)});
     EXPECT_EQ(Replayed(), std::vector<double>{11.0});
+}
+
+// ---- the API object's queues ----
+
+// An API object with a model fed through its receive path; requests are
+// queued by the exported operations and served by one pass of the worker's
+// queue service.
+class ApiSubscriptionTest : public ::testing::Test {
+protected:
+    void Make(bool subscriptionMode) {
+        api.reset();
+        if (m_peer >= 0) close(m_peer);
+        ScopedTempDir::Write("OrvexWiraMdApi.def", subscriptionMode ? "[CONFIG]\nSubscribe=1\n" : "");
+        api.reset(new CDCThread("", true));
+        api->RegisterSpi(&hookSpi);
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        api->AttachSocketForTest(fds[0]);
+        m_peer = fds[1];
+        std::vector<MarketStatusRow> markets;
+        for (uint16_t m : {2001, 2101}) markets.push_back({m, 20240102, 1, 0, 20240102, 93000000});
+        std::string bytes = BuildDcFrame(kCmdMarketStatus, MarketStatusBody(2, 0, markets));
+        bytes += BuildDcFrame(kCmdNameTable, NameTableBody(2001, 1, 0, {{"AB", "ab1234", "AB1234", 1, 1, 0}}));
+        bytes += BuildDcFrame(kCmdNameTable, NameTableBody(2101, 1, 0, {{"AB", "ab1234", "AB1234", 1, 1, 0}}));
+        bytes += BuildDcFrame(kCmdQuotation, QuotationBody(1, 0, 2001, 1, 0, {Dated("ab1234", 2001, 1)}));
+        bytes += BuildDcFrame(kCmdQuotation, QuotationBody(1, 0, 2101, 1, 0, {Dated("ab1234", 2101, 2)}));
+        api->OnReceived(bytes.data(), bytes.size());
+        ASSERT_TRUE(api->IsConnected());
+        hookSpi.depths.clear();
+        hookSpi.events.clear();
+    }
+    void TearDown() override {
+        api.reset();
+        if (m_peer >= 0) close(m_peer);
+    }
+    // What the engine holds: SHFE's and DCE's subscriptions.
+    std::string State() {
+        std::string s;
+        for (const char* e : {"SHFE", "DCE"}) {
+            const CQxExchange* x = api->EngineForTest().FindExchange(e);
+            s += std::string(e) + (x->WholeExchange ? "*" : "") + "{";
+            for (const std::string& id : x->subscribed) s += id + ",";
+            s += "} ";
+        }
+        return s;
+    }
+
+    ScopedTempDir dir;
+    HookSpi hookSpi;
+    std::unique_ptr<CDCThread> api;
+    int m_peer = -1;
+};
+
+TEST_F(ApiSubscriptionTest, OnlyRealRequestsInSubscriptionModeAreQueued) {
+    char id[] = "ab1234.SHFE";
+    char dce[] = "DCE";
+    char* ids[] = {nullptr, id, dce};
+    Make(false);
+    EXPECT_EQ(api->SubscribeMarketData(ids + 1, 1), 0);
+    api->ServeQueues();
+    EXPECT_EQ(State(), "SHFE{} DCE{} ");
+    EXPECT_TRUE(hookSpi.Events().empty());
+
+    // Empty counts and null entries queue nothing.
+    Make(true);
+    EXPECT_EQ(api->SubscribeMarketData(ids, 0), 0);
+    EXPECT_EQ(api->SubscribeMarketData(ids + 2, -3), 0);
+    EXPECT_EQ(api->SubscribeMarketData(nullptr, 2), 0);
+    api->ServeQueues();
+    EXPECT_EQ(State(), "SHFE{} DCE{} ");
+    EXPECT_EQ(api->SubscribeMarketData(ids, 2), 0);
+    api->ServeQueues();
+    EXPECT_EQ(State(), "SHFE{ab1234,} DCE{} ");
+    EXPECT_EQ(hookSpi.Events(), std::vector<std::string>{"depth:ab1234"});
+    EXPECT_EQ(api->UnSubscribeMarketData(ids + 1, 1), 0);
+    api->ServeQueues();
+    EXPECT_EQ(State(), "SHFE{} DCE{} ");
+}
+
+TEST_F(ApiSubscriptionTest, CallbackMaySubscribeAgainWithoutDeadlock) {
+    Make(true);
+    int calls = 0;
+    hookSpi.onDepth = [&] {
+        if (calls++ > 0) return;
+        char id[] = "DCE";
+        char* ids[] = {id};
+        api->SubscribeMarketData(ids, 1);
+        api->UnSubscribeMarketData(ids, 1);
+    };
+    char id[] = "ab1234.SHFE";
+    char* ids[] = {id};
+    api->SubscribeMarketData(ids, 1);
+    api->ServeQueues();
+    // The subscription queued by the callback waits for the next pass (the
+    // unsubscription, served after the subscriptions, finds nothing yet).
+    EXPECT_EQ(State(), "SHFE{ab1234,} DCE{} ");
+    EXPECT_EQ(calls, 1);
+    api->ServeQueues();
+    EXPECT_EQ(State(), "SHFE{ab1234,} DCE*{} ");
+    EXPECT_EQ(calls, 2);   // the replay of DCE
 }

@@ -49,7 +49,7 @@ TEST(WireText, PackedTimeWritesWhatSnprintfWrites) {
                 const size_t kept = n < 8 ? static_cast<size_t>(n) : 8;
                 std::memcpy(expected, full, kept);
                 expected[kept] = '\0';
-                CDCThread::FormatPackedTime(actual, packed);
+                CMdEngine::FormatPackedTime(actual, packed);
                 ASSERT_EQ(0, std::memcmp(expected, actual, sizeof(expected))) << h << ":" << m << ":" << s;
 
                 // The inline writer takes the two-digit hours and leaves
