@@ -1,10 +1,8 @@
-// Micro-benchmarks of the market data hot path, on an API object that is
-// never started: its model is filled through the handlers with the answers
-// the benchmark blaster sends (one market, 1,000 or 10,000 instruments), and
-// the handlers are then called directly. The callback object only counts.
-//
-// The working directory is a scratch directory (the API object reads its
-// configuration and writes the market access file there).
+// Micro-benchmarks of the market data hot path, on the market-data engine
+// with a host that sends nothing: its model is filled through the handlers
+// with the answers the benchmark blaster sends (one market, 1,000 or 10,000
+// instruments), and the handlers are then called directly. The callback
+// object only counts.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -20,10 +18,11 @@
 #include "BenchUtil.h"
 #include "codec/DataPackage.h"
 #include "codec/PackageDecoder.h"
-#include "dc/DCThread.h"
+#include "dc/MdEngine.h"
 #include "dc/FrameCutter.h"
 #include "protocol/DcFrames.h"
 #include "protocol/QuoteBodies.h"
+#include "support/FakeEngineHost.h"
 
 using namespace orvex_bench;
 
@@ -40,14 +39,16 @@ public:
     double sink = 0;
 };
 
-// An API object whose model holds one market of n instruments with their
+// An engine whose model holds one market of n instruments with their
 // snapshot quotes.
 class Model {
 public:
     explicit Model(int n, bool deliverSnapshot = true) {
         cat.instruments = n;
-        api.reset(new CDCThread("./", deliverSnapshot));
-        api->RegisterSpi(&spi);
+        MdEngineSettings settings;
+        settings.deliverSnapshot = deliverSnapshot;
+        api.reset(new CMdEngine(host, settings));
+        api->SetSpi(&spi);
         Feed(MarketStatusFrame(cat));
         for (const std::string& f : NameTableFrames(cat)) Feed(f);
         for (const std::string& f : QuotationFrames(cat)) Feed(f);
@@ -65,7 +66,8 @@ public:
 
     BenchCatalog cat;
     CountingSpi spi;
-    std::unique_ptr<CDCThread> api;
+    orvex_test::FakeEngineHost host;
+    std::unique_ptr<CMdEngine> api;
     CQxMarket* market = nullptr;
 };
 

@@ -8,7 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <thread>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -267,6 +272,50 @@ TEST_F(DCConnection, NoFrontRegisteredOnlySleeps) {
     api->Release();
     api = nullptr;
     EXPECT_TRUE(spi.Events().empty());
+}
+
+// An application that, inside OnFrontLost, waits for another of its threads
+// that is logging in: no lock of the library is held during the callback, so
+// the login returns and the callback ends.
+TEST_F(DCConnection, OnFrontLostMayWaitForALoginOnAnotherThread) {
+    struct WaitingSpi : RecordingSpi {
+        void OnFrontLost(int reason) override {
+            RecordingSpi::OnFrontLost(reason);
+            std::unique_lock<std::mutex> lock(mutex);
+            lostCalled = true;
+            changed.notify_all();
+            loginReturned = changed.wait_for(lock, std::chrono::seconds(5), [this] { return loginDone; });
+        }
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool lostCalled = false;
+        bool loginDone = false;
+        std::atomic<bool> loginReturned{false};
+    } waiting;
+    api = new CDCThread("flow", true);
+    api->RegisterSpi(&waiting);
+    std::string front = server.FrontAddress();
+    api->RegisterFront(&front[0]);
+    api->Init();
+    ASSERT_TRUE(waiting.WaitFor("linked"));
+
+    std::thread login([&] {
+        {
+            std::unique_lock<std::mutex> lock(waiting.mutex);
+            waiting.changed.wait(lock, [&] { return waiting.lostCalled; });
+        }
+        COrvexWiraReqUserLoginField req = MakeLogin();
+        api->ReqUserLogin(&req, 7);   // no connection: nothing is sent
+        std::lock_guard<std::mutex> lock(waiting.mutex);
+        waiting.loginDone = true;
+        waiting.changed.notify_all();
+    });
+    server.CloseClient();
+    login.join();
+    ASSERT_TRUE(waiting.WaitFor("lost:0"));
+    EXPECT_TRUE(WaitUntil([&] { return waiting.loginReturned.load(); }, 5000));
+    EXPECT_EQ(0, server.CountFrames(83));
+    api->RegisterSpi(&spi);
 }
 
 TEST_F(DCConnection, ReleaseWhileConnectedReportsTheLossAndEndsTheWorker) {

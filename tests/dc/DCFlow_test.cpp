@@ -186,6 +186,9 @@ TEST_F(DCFlow, LoginSnapshotHeldBackPushAndStatusReportsInOrder) {
     // The replayed push: full record, new last price and time.
     ExpectValues("replayed push", {{cu[1].LastPrice, 70005.0}, {cu[1].PreClosePrice, 69999.0}});
     EXPECT_STREQ("09:30:01", cu[1].UpdateTime);
+    // Without an access file every market was granted; the list of the
+    // offered markets is kept for the next login.
+    EXPECT_EQ(0, access("qxmktaccess.xml", F_OK));
 }
 
 TEST_F(DCFlow, FullPushesAndStaleRows) {
