@@ -138,7 +138,7 @@ void CMdEngine::ProcessLoginRsp1(const char* body, int length) {
         LoginQuickPath(handle);
         return;
     }
-    m_exchanges.clear();
+    ClearExchanges();
     ClearMarkets();
     m_offeredMarkets.clear();
     StartModelLoad();
@@ -159,7 +159,7 @@ void CMdEngine::ProcessLoginRsp(const char* body, int length) {
         return;
     }
 
-    m_exchanges.clear();
+    ClearExchanges();
     ClearMarkets();
     std::set<unsigned short> numbers;
     for (int slot = 0; slot < 200; ++slot) {
@@ -169,7 +169,7 @@ void CMdEngine::ProcessLoginRsp(const char* body, int length) {
         CQxMarket market(number, ExchangeCodeOf(number).c_str());
         market.UseExchangeCode = UseExchangeCodeOf(market.exchangeCode);
         CQxMarket& stored = m_markets[number] = market;
-        CQxExchange& exchange = m_exchanges[stored.exchangeCode];
+        CQxExchange& exchange = ExchangeFor(stored.exchangeCode);
         exchange.markets.push_back(&stored);
         numbers.insert(number);
         m_offeredMarkets.insert(number);

@@ -148,7 +148,7 @@ CQxMarket* CMdEngine::AddMarket(uint16_t id) {
     // filed under the same text so that look-ups by the market's code always
     // find it.
     CQxExchange* exchange = FindExchange(market->exchangeCode);
-    if (!exchange) exchange = &m_exchanges[std::string(market->exchangeCode)];
+    if (!exchange) exchange = &ExchangeFor(market->exchangeCode);
     exchange->markets.push_back(market);
     m_offeredMarkets.insert(id);
     return market;

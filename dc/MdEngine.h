@@ -180,6 +180,9 @@ public:
         return FindMarketInMap(marketId);
     }
     size_t MarketCount() const { return m_markets.size(); }
+    // The exchange whose subscriptions a request changes: the model's, or
+    // the one parked by a rebuild while the model has none of that code.
+    CQxExchange* SubscriptionsOf(std::string_view exchangeId);
     // Markets any status answer or login list has offered since the last
     // rebuild.
     const std::set<unsigned short>& OfferedMarkets() const { return m_offeredMarkets; }
@@ -235,6 +238,11 @@ private:
     void ApplyPushedRow(const char* row, int rowLength);
     bool Subscribed(const CQxMarket& market, const char* instrumentId);
     bool ServeQuery(COrvexWiraMdSpi* spi, const _QryInstrumentInfo& query);
+    // Empties the exchanges, parking their subscriptions by exchange code.
+    void ClearExchanges();
+    // The exchange of this code, created (with its parked subscriptions)
+    // when missing.
+    CQxExchange& ExchangeFor(const std::string& exchangeId);
     void SelectMainMarkets();
 
     IMdEngineHost& m_host;
@@ -268,6 +276,9 @@ private:
     CQxMarket* m_lastMarket = nullptr;
     int m_lastMarketId = -1;
     std::map<std::string, CQxExchange, std::less<>> m_exchanges;
+    // Subscriptions of exchanges the model does not have at the moment
+    // (markets always empty).
+    std::map<std::string, CQxExchange, std::less<>> m_parkedSubscriptions;
     std::set<unsigned short> m_offeredMarkets;
     CExtraMarket m_extraMarket;
 

@@ -6,6 +6,12 @@
 // the model knows (the whole exchange), or any other text: one instrument on
 // whichever of SHFE, DCE, CZCE and CFFEX exist. A leading '.' does not split.
 //
+// Subscriptions live as long as the engine: a login that rebuilds the model
+// parks each exchange's subscriptions by exchange code, and they return to
+// the exchange of that code when it is created again (an exchange the new
+// login does not list keeps them parked, and requests naming it still
+// change them).
+//
 // The API object swaps its queue out under its lock and hands the batch
 // over without it, so a callback may subscribe again; that request is served
 // on the next pass.
@@ -29,7 +35,7 @@ struct Request {
 Request Split(CMdEngine& engine, std::string_view text) {
     const size_t dot = text.find('.');
     if (dot != std::string_view::npos && dot > 0) return {text.substr(0, dot), text.substr(dot + 1)};
-    if (engine.FindExchange(text)) return {std::string_view(), text};
+    if (engine.SubscriptionsOf(text)) return {std::string_view(), text};
     return {text, std::string_view()};
 }
 
@@ -56,14 +62,14 @@ void CMdEngine::Subscribe(const std::vector<std::string>& batch) {
         const Request req = Split(*this, text);
         if (req.exchange.empty()) {
             for (const char* code : kMainExchanges) {
-                CQxExchange* exchange = FindExchange(code);
+                CQxExchange* exchange = SubscriptionsOf(code);
                 if (!exchange) continue;
                 exchange->subscribed.emplace(req.instrument);
                 replayOne(*exchange, req.instrument);
             }
             continue;
         }
-        CQxExchange* exchange = FindExchange(req.exchange);
+        CQxExchange* exchange = SubscriptionsOf(req.exchange);
         if (!exchange) continue;
         if (!req.instrument.empty()) {
             exchange->subscribed.emplace(req.instrument);
@@ -88,14 +94,14 @@ void CMdEngine::Unsubscribe(const std::vector<std::string>& batch) {
         const Request req = Split(*this, text);
         if (req.exchange.empty()) {
             for (const char* code : kMainExchanges) {
-                if (CQxExchange* exchange = FindExchange(code)) {
+                if (CQxExchange* exchange = SubscriptionsOf(code)) {
                     auto it = exchange->subscribed.find(req.instrument);
                     if (it != exchange->subscribed.end()) exchange->subscribed.erase(it);
                 }
             }
             continue;
         }
-        CQxExchange* exchange = FindExchange(req.exchange);
+        CQxExchange* exchange = SubscriptionsOf(req.exchange);
         if (!exchange) continue;
         if (req.instrument.empty()) {
             // Dropping the exchange drops its single-instrument
@@ -107,4 +113,34 @@ void CMdEngine::Unsubscribe(const std::vector<std::string>& batch) {
             if (it != exchange->subscribed.end()) exchange->subscribed.erase(it);
         }
     }
+}
+
+CQxExchange* CMdEngine::SubscriptionsOf(std::string_view exchangeId) {
+    if (CQxExchange* exchange = FindExchange(exchangeId)) return exchange;
+    auto it = m_parkedSubscriptions.find(exchangeId);
+    return it == m_parkedSubscriptions.end() ? nullptr : &it->second;
+}
+
+void CMdEngine::ClearExchanges() {
+    for (auto& kv : m_exchanges) {
+        CQxExchange& exchange = kv.second;
+        if (exchange.subscribed.empty() && !exchange.WholeExchange) continue;
+        CQxExchange& parked = m_parkedSubscriptions[kv.first];
+        parked.subscribed = std::move(exchange.subscribed);
+        parked.WholeExchange = exchange.WholeExchange;
+    }
+    m_exchanges.clear();
+}
+
+CQxExchange& CMdEngine::ExchangeFor(const std::string& exchangeId) {
+    auto it = m_exchanges.find(exchangeId);
+    if (it != m_exchanges.end()) return it->second;
+    CQxExchange& exchange = m_exchanges[exchangeId];
+    auto parked = m_parkedSubscriptions.find(exchangeId);
+    if (parked != m_parkedSubscriptions.end()) {
+        exchange.subscribed = std::move(parked->second.subscribed);
+        exchange.WholeExchange = parked->second.WholeExchange;
+        m_parkedSubscriptions.erase(parked);
+    }
+    return exchange;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cfloat>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -75,7 +76,9 @@ public:
         if (f.command == 83) {
             uint16_t handle;
             std::memcpy(&handle, f.body.data(), 2);
-            s.Send(83, LoginAnswer1Body(handle, 0, "", 1, {{2001, -1}, {2101, -1}}));
+            std::vector<AccessEntry> granted = {{2001, -1}, {2101, -1}};
+            if (grantMore) granted.push_back({2201, -1});
+            s.Send(83, LoginAnswer1Body(handle, 0, "", 1, granted));
         } else if (f.command == 2) {
             MarketStatusRow shfe{2001, kDay, 1, 0, kDay, 93000000};
             MarketStatusRow dce{2101, kDay, 2, 0, kDay, 93000000};
@@ -94,6 +97,10 @@ public:
             s.Send(3, QuotationBody(1, 0, 2101, 1, 0, {Quote(2101, "m2409", 3100)}));
         }
     }
+
+    // The next login answers grant one more market: a changed list, so the
+    // library rebuilds its markets.
+    std::atomic<bool> grantMore{false};
 };
 
 class DCFlow : public ::testing::Test {
@@ -262,6 +269,47 @@ TEST_F(DCFlow, SubscriptionsFilterPushesAndReplayCurrentQuotes) {
     Push(cu);   // same time again: accepted, still subscribed
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 3; }));
     EXPECT_EQ(1u, DepthsOf("m2409").size());
+}
+
+TEST_F(DCFlow, SubscriptionsSurviveAReloginThatRebuildsTheMarkets) {
+    FakeClock clock;
+    Start("[CONFIG]\nSubscribe=1\n");
+    char a[] = "cu2405.SHFE";
+    char b[] = "DCE";
+    char* ids[] = {a, b};
+    EXPECT_EQ(0, api->SubscribeMarketData(ids, 2));
+    ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.depths).size() == 2; }));
+
+    // The connection drops; the next login grants a changed market list.
+    script.grantMore = true;
+    server.CloseClient();
+    ASSERT_TRUE(spi.WaitFor("lost:0"));
+    FakeClock::AdvanceMs(10000);
+    ASSERT_TRUE(spi.WaitFor("linked", 2));
+    COrvexWiraReqUserLoginField req{};
+    std::strcpy(req.UserID, "flow");
+    ASSERT_EQ(0, api->ReqUserLogin(&req, 12));
+    // Each load ends with two rounds of status reports (one per market's
+    // last snapshot packet).
+    ASSERT_TRUE(spi.WaitFor("login:0", 2));
+    ASSERT_TRUE(WaitUntil([&] { return spi.Count("status:SHFE:2") == 4; }));
+    EXPECT_EQ(2, server.CountFrames(kCmdMarketStatus));   // the markets were loaded again
+
+    // The snapshot after the rebuild delivers exactly what is subscribed...
+    // cu2405: the subscription's replay, then the new snapshot and the push
+    // held back during it; m2409 (DCE subscribed whole): replay, snapshot.
+    EXPECT_EQ(3u, DepthsOf("cu2405").size());
+    EXPECT_EQ(2u, DepthsOf("m2409").size());
+    EXPECT_TRUE(DepthsOf("al2405").empty());
+    // ...and pushes keep flowing.
+    PushedRow al(2001, "al2405", kDay, PackQuoteTime(9, 50, 0, 0));
+    al.Price(kPushLast, 95100);
+    Push(al);
+    PushedRow cu(2001, "cu2405", kDay, PackQuoteTime(9, 50, 0, 0));
+    cu.Price(kPushLast, 700100);
+    Push(cu);
+    ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 4; }));
+    EXPECT_TRUE(DepthsOf("al2405").empty());
 }
 
 TEST_F(DCFlow, InstrumentQueriesAnswerFromTheModel) {

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <functional>
+#include <set>
 
 #include "dc/DCThread.h"
 #include "dc/HandlerKit.h"
@@ -68,13 +69,16 @@ protected:
         for (const auto& d : hookSpi.depths) v.push_back(d.LastPrice);
         return v;
     }
-    // The subscriptions as text: per exchange (SHFE, DCE, 5000) its
+    // The subscriptions as text: per exchange (SHFE, DCE, 5000, those the
+    // model has) its
     // instruments, with a '*' when it is subscribed whole.
     std::string State() {
         std::string s;
         for (const char* e : {"SHFE", "DCE", "5000"}) {
-            s += std::string(e) + (engine->FindExchange(e)->WholeExchange ? "*" : "") + "{";
-            for (const std::string& id : engine->FindExchange(e)->subscribed) s += id + ",";
+            const CQxExchange* x = engine->FindExchange(e);
+            if (!x) continue;
+            s += std::string(e) + (x->WholeExchange ? "*" : "") + "{";
+            for (const std::string& id : x->subscribed) s += id + ",";
             s += "} ";
         }
         return s;
@@ -242,4 +246,50 @@ TEST_F(ApiSubscriptionTest, CallbackMaySubscribeAgainWithoutDeadlock) {
     api->ServeQueues();
     EXPECT_EQ(State(), "SHFE{ab1234,} DCE*{} ");
     EXPECT_EQ(calls, 2);   // the replay of DCE
+}
+
+// ---- subscriptions over a login that rebuilds the markets ----
+
+TEST_F(SubscriptionTest, RebuildKeepsSubscriptionsAndReattachesThemByExchangeCode) {
+    Subscribe({"ab1234.SHFE", "DCE", "ab1234.5000"});
+    // A first-form answer with another list: every exchange is made anew;
+    // 5000 is no longer listed.
+    std::string answer = LoginAnswerBody(1, 0, {2000, 2001, 2101});
+    engine->ProcessLoginRsp(answer.data(), static_cast<int>(answer.size()));
+    EXPECT_EQ(engine->FindExchange("5000"), nullptr);
+    ASSERT_NE(engine->FindExchange("SHFE"), nullptr);
+    EXPECT_EQ(engine->FindExchange("SHFE")->subscribed, (std::set<std::string, std::less<>>{"ab1234"}));
+    EXPECT_TRUE(engine->FindExchange("DCE")->WholeExchange);
+
+    // The new snapshot delivers exactly what is subscribed.
+    std::vector<MarketStatusRow> markets;
+    for (uint16_t m : {2000, 2001, 2101}) markets.push_back({m, 20240102, 1, 0, 20240102, 93000000});
+    Status(markets);
+    Names(2000, {{"AB", "ab1234", "AB1234", 1, 1, 0}, {"CD", "cd1", "CD1", 1, 1, 0}});
+    Names(2001, {{"AB", "ab1234", "AB1234", 1, 1, 0}, {"EF", "ef1", "EF1", 1, 1, 0}});
+    Names(2101, {{"AB", "ab1234", "AB1234", 1, 1, 0}, {"GH", "gh1", "GH1", 1, 1, 0}});
+    hookSpi.depths.clear();
+    Quotes(2000, {Dated("ab1234", 2000, 1), Dated("cd1", 2000, 2)});
+    Quotes(2001, {Dated("ef1", 2001, 3)});
+    Quotes(2101, {Dated("ab1234", 2101, 4), Dated("gh1", 2101, 5)});
+    EXPECT_EQ(Replayed(), (std::vector<double>{1.0, 4.0, 5.0}));
+
+    // The exchange that is not listed keeps its subscription: requests still
+    // change it, and it applies when a status answer brings the exchange back.
+    Subscribe({"zz1.5000"});
+    Unsubscribe({"ab1234.5000"});
+    Status({{5000, 20240102, 1, 0, 20240102, 93000000}});
+    ASSERT_NE(engine->FindExchange("5000"), nullptr);
+    EXPECT_EQ(engine->FindExchange("5000")->subscribed, (std::set<std::string, std::less<>>{"zz1"}));
+}
+
+TEST_F(SubscriptionTest, SecondFormRebuildReattachesWhenTheStatusAnswerMakesTheExchanges) {
+    Subscribe({"ab1234.SHFE", "DCE"});
+    // Second form, a list other than the saved one: the model is emptied
+    // and built again from the market status.
+    std::string answer = LoginAnswer1Body(1, 0, "", 1, {{2001, -1}, {2101, -1}});
+    engine->ProcessLoginRsp1(answer.data(), static_cast<int>(answer.size()));
+    EXPECT_EQ(engine->FindExchange("SHFE"), nullptr);
+    Status({{2001, 20240102, 1, 0, 20240102, 93000000}, {2101, 20240102, 1, 0, 20240102, 93000000}});
+    EXPECT_EQ(State(), "SHFE{ab1234,} DCE*{} ");
 }
