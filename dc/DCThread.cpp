@@ -60,6 +60,9 @@ CDCThread::CDCThread(const char* flowPath, bool deliverSnapshot)
     }
     std::memset(m_loginRequest, 0, sizeof(m_loginRequest));
     m_bLog = m_engine.Settings().log;
+    const int recvTimeout = m_config.GetValueI("CONFIG", "RecvTimeout", 0);
+    // Whole seconds; anything not positive (or absurd) leaves it off.
+    if (recvTimeout > 0 && recvTimeout <= 86400) m_nRecvTimeoutMs = static_cast<uint32_t>(recvTimeout) * 1000u;
     m_bAbnormalEnd = false;
     m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }

@@ -84,6 +84,8 @@ public:
     bool SubscribeEnabled() const { return m_engine.Settings().subscribe; }
     bool DeltaEnabled() const { return m_engine.Settings().deltaQuot; }
     int LevelSetting() const { return m_engine.Settings().level; }
+    // Seconds without data after which the connection is dropped (0: never).
+    unsigned RecvTimeoutSeconds() const { return m_nRecvTimeoutMs / 1000; }
     bool DomesticExchanges() const { return m_engine.Settings().domesticExchanges; }
     const char* FlowPath() const { return m_szFlowPath; }
     size_t FrontCount() const { return m_fronts.size(); }
@@ -182,8 +184,10 @@ private:
     // lock.
     unsigned char m_loginRequest[188];
     int m_nLastConnectDay = 0;
-    // When bytes last arrived (tick of the clock seam).
+    // When bytes last arrived (tick of the clock seam), and how long the
+    // connection may stay silent ([CONFIG] RecvTimeout, 0: for ever).
     uint32_t m_lastReceiveTick = 0;
+    uint32_t m_nRecvTimeoutMs = 0;
 
     std::mutex m_handleLock;
     std::map<unsigned short, int> m_reqHandles;

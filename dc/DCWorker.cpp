@@ -139,6 +139,13 @@ void CDCThread::WorkLoop() {
                     Reset(kReasonServerClosed);
                     continue;
                 }
+                // A connection that has been silent too long is taken for
+                // dead (a half-open connection never reports an error).
+                if (m_nRecvTimeoutMs > 0 && orvex::NowTick() - m_lastReceiveTick >= m_nRecvTimeoutMs) {
+                    Log("Recv Timeout : no data for %u ms", m_nRecvTimeoutMs);
+                    Reset(kReasonReadError);
+                    continue;
+                }
                 if (lastFileCheckDay != today) {
                     lastFileCheckDay = today;
                     CQXSFThread::CheckLocalFile();

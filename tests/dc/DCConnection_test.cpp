@@ -12,6 +12,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 #include <stdexcept>
@@ -302,7 +304,7 @@ TEST_F(DCConnection, OnFrontLostMayWaitForALoginOnAnotherThread) {
     std::thread login([&] {
         {
             std::unique_lock<std::mutex> lock(waiting.mutex);
-            waiting.changed.wait(lock, [&] { return waiting.lostCalled; });
+            waiting.changed.wait_for(lock, std::chrono::seconds(10), [&] { return waiting.lostCalled; });
         }
         COrvexWiraReqUserLoginField req = MakeLogin();
         api->ReqUserLogin(&req, 7);   // no connection: nothing is sent
@@ -310,12 +312,55 @@ TEST_F(DCConnection, OnFrontLostMayWaitForALoginOnAnotherThread) {
         waiting.loginDone = true;
         waiting.changed.notify_all();
     });
+    ASSERT_TRUE(server.WaitForAccepted(1));
     server.CloseClient();
     login.join();
     ASSERT_TRUE(waiting.WaitFor("lost:0"));
     EXPECT_TRUE(WaitUntil([&] { return waiting.loginReturned.load(); }, 5000));
     EXPECT_EQ(0, server.CountFrames(83));
     api->RegisterSpi(&spi);
+}
+
+TEST_F(DCConnection, SilentConnectionIsDroppedAfterTheReceiveTimeout) {
+    ScopedTempDir::Write("OrvexWiraMdApi.def", "[CONFIG]\nRecvTimeout=2\nLog=1\n");
+    FakeClock::SetLocalTime(2024, 1, 2, 9, 8, 7);
+    ASSERT_EQ(0, mkdir("flow", 0775));
+    Start();
+    ASSERT_TRUE(spi.WaitFor("linked"));
+    FakeClock::AdvanceMs(1999);
+    usleep(300 * 1000);
+    EXPECT_EQ(0, spi.Count("lost:4097"));
+    FakeClock::AdvanceMs(1);
+    ASSERT_TRUE(spi.WaitFor("lost:4097"));
+    EXPECT_EQ(std::vector<int>{4097}, spi.Copy(spi.lost));
+    std::ifstream log("flow/Orvex_20240102.log");
+    std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(std::string::npos, text.find("09:08:07 Recv Timeout : no data for 2000 ms\n")) << text;
+    // The usual reconnect rounds follow.
+    Reconnect(2);
+}
+
+TEST_F(DCConnection, ConnectionThatKeepsReceivingIsNeverDropped) {
+    ScopedTempDir::Write("OrvexWiraMdApi.def", "[CONFIG]\nRecvTimeout=2\n");
+    Start();
+    ASSERT_TRUE(spi.WaitFor("linked"));
+    // Six seconds of the clock, with data every half second.
+    for (int i = 0; i < 12; ++i) {
+        ASSERT_TRUE(server.Send(kCmdHeartBeat, ""));
+        usleep(100 * 1000);
+        FakeClock::AdvanceMs(500);
+    }
+    usleep(200 * 1000);
+    EXPECT_TRUE(spi.Copy(spi.lost).empty());
+}
+
+TEST_F(DCConnection, WithoutAReceiveTimeoutASilentConnectionStays) {
+    Start();
+    ASSERT_TRUE(spi.WaitFor("linked"));
+    EXPECT_EQ(0u, api->RecvTimeoutSeconds());
+    FakeClock::AdvanceMs(600 * 1000);
+    usleep(300 * 1000);
+    EXPECT_TRUE(spi.Copy(spi.lost).empty());
 }
 
 TEST_F(DCConnection, ReleaseWhileConnectedReportsTheLossAndEndsTheWorker) {
