@@ -1,5 +1,6 @@
 // Dynamic information: market status changes and pushed quote rows that keep
-// the model current between snapshots, and template packages.
+// the model current between snapshots, and template packages, each turned
+// into the flat record its template lays out and handed to OnTemplateData.
 //
 // A body is a run of records: u32 sequence, u8 type, u16 payload length,
 // payload. A record whose payload would run past the body ends the walk.
@@ -13,6 +14,8 @@
 #include <string_view>
 
 #include "base/Time64.h"
+#include "codec/DataPackage.h"
+#include "codec/PackageRecord.h"
 #include "dc/MdEngine.h"
 #include "dc/WireText.h"
 
@@ -195,11 +198,28 @@ void CMdEngine::ApplyPushedRow(const char* row, int rowLength) {
 }
 
 
-void CMdEngine::ProcessTemplatePackage(unsigned short packageId, const char* data, int length) {
-    // Template packages carry nothing the depth and status records need.
-    (void)packageId;
-    (void)data;
-    (void)length;
+void CMdEngine::ProcessTemplatePackage(unsigned short /*leading*/, const char* data, int length) {
+    // The payload's leading 16-bit value carries nothing the record needs;
+    // the package body follows it, its id first.
+    if (!data || length < 2) return;
+    COrvexWiraMdSpi* spi = Spi();
+    if (!spi) return;
+    const CQxDataPackage* tmpl = FindPackageTemplate(Rd<uint16_t>(data));
+    if (!tmpl) return;   // a package nobody described
+    auto marketText = [](void* context, int value, char* out9) {
+        static_cast<CMdEngine*>(context)->MarketText(value, out9);
+    };
+    if (!BuildPackageRecord(*tmpl, data, length, &m_templateRecord, marketText, this)) return;
+    spi->OnTemplateData(tmpl->id, m_templateRecord.data());
+}
+
+void CMdEngine::MarketText(int marketId, char* out9) {
+    // The exchange code the model gives the market, else the number.
+    if (const CQxMarket* market = FindMarket(marketId)) {
+        CopyText(out9, 9, market->exchangeCode, sizeof(market->exchangeCode));
+        return;
+    }
+    snprintf(out9, 9, "%d", marketId);
 }
 
 void CMdEngine::ProcessDynainfo(const char* body, unsigned int length) {

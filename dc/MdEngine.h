@@ -144,8 +144,14 @@ public:
                               COrvexWiraDepthMarketDataField* out);
     bool ProcessPushQuotationDelta(const char* row, int rowLength, CQxInstrument* inst, bool* changed,
                                    COrvexWiraDepthMarketDataField* out);
-    // Template packages inside dynamic information: accepted and ignored.
-    void ProcessTemplatePackage(unsigned short packageId, const char* data, int length);
+    // A template package inside dynamic information: the payload's leading
+    // 16-bit value (unused) and the package body, its id first. A package
+    // with a template becomes its flat record (see codec/PackageRecord.h),
+    // handed to OnTemplateData; one without is skipped.
+    void ProcessTemplatePackage(unsigned short leading, const char* data, int length);
+    // The text of an id-11 field: the exchange code of the market with that
+    // id, or the number when the model has no such market.
+    void MarketText(int marketId, char* out9);
     // The login answer record: identity from the host; on success the
     // trading day, the login time and the main markets' clocks.
     void TranslateLoginRsp(COrvexWiraRspUserLoginField* rsp, int errorCode);
@@ -283,6 +289,8 @@ private:
     CExtraMarket m_extraMarket;
 
     std::vector<std::unique_ptr<CQxsfRsp>> m_fileAnswers;
+    // The record of the last template package, reused.
+    std::vector<char> m_templateRecord;
 };
 
 #endif

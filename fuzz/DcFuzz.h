@@ -10,12 +10,16 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "dc/DCThread.h"
+#include "codec/DataPackage.h"
+#include "fuzz/DecoderTemplates.h"
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/TouchSpi.h"
 #include "protocol/QuoteBodies.h"
@@ -208,6 +212,16 @@ public:
 private:
     int m_fds[2] = {-1, -1};
 };
+
+// The template table of the decoder target, loaded for the template
+// packages of dynamic information.
+inline void LoadDcTemplates() {
+    WriteFile("qxdctrans.xml", kDecoderTemplates);
+    if (!LoadPackageTemplate("qxdctrans.xml")) {
+        std::fprintf(stderr, "template table not loaded\n");
+        std::abort();
+    }
+}
 
 // Configuration read by the API objects made after it is written: the
 // settings given, and a market named by the configuration whose instruments

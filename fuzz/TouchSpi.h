@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "api/OrvexWiraMdApi.h"
+#include "codec/DataPackage.h"
 #include "fuzz/FuzzSupport.h"
 
 namespace orvex_fuzz {
@@ -37,7 +38,14 @@ public:
     }
     void OnStatusChange(COrvexWiraMarketStatusField* s) override { Read(s); }
     void OnExtraRecord(void* p) override { sum += p ? 1u : 0u; }
-    void OnTemplateData(unsigned short id, void* p) override { sum += id + (p ? 1u : 0u); }
+    // Reads the whole record, as long as its template lays it out.
+    void OnTemplateData(unsigned short id, void* p) override {
+        const CQxDataPackage* tmpl = FindPackageTemplate(id);
+        sum += id;
+        if (!tmpl || !p) return;
+        const unsigned char* bytes = static_cast<const unsigned char*>(p);
+        for (int i = 0; i < tmpl->size; ++i) sum += bytes[i];
+    }
 
     unsigned sum = 0;
     unsigned calls = 0;

@@ -13,6 +13,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     orvex_fuzz::PrepareRun(argc, argv);
     mkdir("flow", 0775);
     orvex_fuzz::WriteDcConfig();
+    orvex_fuzz::LoadDcTemplates();
     return 0;
 }
 

@@ -92,7 +92,9 @@ void AccessSeeds() {
 
 // ---- template packages ---------------------------------------------------------
 
-void DecoderSeeds() {
+// Bodies of the packages of kDecoderTemplates: every type, masks, arrays,
+// wide text in a price slot.
+std::vector<std::string> DecoderBodies() {
     // 1: every type, no mask.
     std::string all = U16(1) + U8(0x81) + U16(0xBEEF) + I32(-5) + Le(1.5f) + Le(2.25) + CStr("abcdefghij") +
                       WStr(U"\u4e2d\u6587") + I32(123456) + I32(93000500) + CStr("") + CStr("dflt");
@@ -115,7 +117,15 @@ void DecoderSeeds() {
     arrays += U16(1) + U16(wrow.size()) + wrow;
     // 4: wide text in a price slot, an empty array.
     std::string wide = U16(4) + U8(1) + U8(0xE0) + Le(1.0) + CStr(std::string(30, 'p')) + WStr(U"wide") + U16(0) + U16(0);
+    return {all, masked, arrays, wide};
+}
 
+void DecoderSeeds() {
+    const std::vector<std::string> bodies = DecoderBodies();
+    const std::string& all = bodies[0];
+    const std::string& masked = bodies[1];
+    const std::string& arrays = bodies[2];
+    const std::string& wide = bodies[3];
     Put("decoder", "all_types.bin", all);
     Put("decoder", "masked.bin", masked);
     Put("decoder", "arrays.bin", arrays);
@@ -190,6 +200,12 @@ std::string Dynainfo() {
     body += DynaRecord(5, kDynaPush, PushRow(2001, "unknown", 7));
     body += DynaTemplateRecord(6, 1, "\x01\x02");
     body += DynaRecord(7, 9, "??");
+    // Template packages of the fuzz targets' template table, whole and cut.
+    uint32_t sequence = 8;
+    for (const std::string& package : DecoderBodies()) {
+        body += DynaTemplateRecord(sequence++, 0, package);
+        body += DynaTemplateRecord(sequence++, 0, package.substr(0, package.size() / 2));
+    }
     return body;
 }
 

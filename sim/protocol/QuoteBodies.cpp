@@ -85,9 +85,9 @@ std::string DynaStatusRecord(uint32_t sequence, const MarketStatusRow& row) {
     return DynaRecord(sequence, kDynaStatus, EncodeStatusRow(row));
 }
 
-std::string DynaTemplateRecord(uint32_t sequence, uint16_t packageId, const std::string& data) {
+std::string DynaTemplateRecord(uint32_t sequence, uint16_t leading, const std::string& packageBody) {
     BodyWriter w;
-    w.U16(packageId).Bytes(data);
+    w.U16(leading).Bytes(packageBody);
     return DynaRecord(sequence, kDynaTemplate, w.bytes);
 }
 

@@ -132,7 +132,9 @@ enum DynaType : uint8_t { kDynaStatus = 0, kDynaPush = 1, kDynaTemplate = 2 };
 // not negative) replaces the length written in the head.
 std::string DynaRecord(uint32_t sequence, uint8_t type, const std::string& payload, int claimedLength = -1);
 std::string DynaStatusRecord(uint32_t sequence, const MarketStatusRow& row);
-std::string DynaTemplateRecord(uint32_t sequence, uint16_t packageId, const std::string& data);
+// A template package record: the leading 16-bit value (unused by the
+// library), then the package body, its package id first.
+std::string DynaTemplateRecord(uint32_t sequence, uint16_t leading, const std::string& packageBody);
 
 // Mask A bits of a pushed row.
 enum PushField : int {

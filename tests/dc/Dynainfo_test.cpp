@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "codec/DataPackage.h"
 #include "dc/HandlerKit.h"
 
 using namespace orvex_test;
@@ -356,12 +357,86 @@ TEST_F(DynainfoTest, SteadyStatePushesAndStatusRecordsAllocateNothing) {
 
 // ---- the walk ----
 
-TEST_F(DynainfoTest, TemplatesAndUnknownTypesAreSkippedAndTheWalkGoesOn) {
+TEST_F(DynainfoTest, PackagesWithoutTemplateAndUnknownTypesAreSkippedAndTheWalkGoesOn) {
     Clock(20240102, 93000000, 20240102, 93000000);
     Dyna(DynaTemplateRecord(1, 512, "\x01\x02\x03") + DynaRecord(2, 9, "whatever") + DynaRecord(3, kDynaTemplate, "") +
          DynaPushRecord(4, At("cu2403", 9, 30, 1, 0, 700300)));
     EXPECT_EQ(spi.depths.size(), 1u);
     EXPECT_EQ(engine->DynainfoSequence(), 4u);
+}
+
+// Template packages with a template table: 310 has an int32, the market id
+// (id 11, shown as text) and an int32 price; 311 has one text.
+class TemplateDynainfoTest : public DynainfoTest {
+protected:
+    void SetUp() override {
+        ScopedTempDir::Write("templates.xml", R"(<qxpackets>
+  <qxpacket id="310"><int32 id="1"/><int16 id="11"/><int32 id="2" price="1"/></qxpacket>
+  <qxpacket id="311" mask="0"><string id="3" maxlen="4"/></qxpacket>
+</qxpackets>)");
+        ASSERT_TRUE(LoadPackageTemplate("templates.xml"));
+        DynainfoTest::SetUp();
+    }
+    void TearDown() override {
+        LoadPackageTemplate("");   // an empty table for the tests that follow
+        DynainfoTest::TearDown();
+    }
+    // Body of 310: mask of one byte, then the fields the mask names.
+    static std::string Package310(uint8_t mask, const std::string& fields) {
+        std::string b("\x36\x01\x01", 3);
+        b += static_cast<char>(mask);
+        return b + fields;
+    }
+    template <class T>
+    static T Slot(const std::string& bytes, size_t offset) {
+        T v;
+        std::memcpy(&v, bytes.data() + offset, sizeof v);
+        return v;
+    }
+};
+
+TEST_F(TemplateDynainfoTest, PackagesWithATemplateArriveAsRecordsInTheirPlace) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    const std::string fields = std::string("\x07\x00\x00\x00", 4) + std::string("\xD1\x07", 2) +
+                               std::string("\x2A\x00\x00\x00", 4);
+    Dyna(DynaPushRecord(1, At("cu2403", 9, 30, 1, 0, 700300)) + DynaTemplateRecord(2, 77, Package310(0xE0, fields)) +
+         DynaTemplateRecord(3, 0, std::string("\x37\x01" "abcdefg\0", 10)) +
+         DynaTemplateRecord(4, 0, std::string("\x99\x09\x01\x02", 4)) +   // no template: skipped
+         DynaPushRecord(5, At("cu2403", 9, 30, 2, 0, 700400)));
+    EXPECT_EQ(spi.Events(),
+              (std::vector<std::string>{"depth:cu2403", "template:310", "template:311", "depth:cu2403"}));
+    ASSERT_EQ(spi.templates.size(), 2u);
+    const std::string& r = spi.templates[0].bytes;
+    ASSERT_EQ(r.size(), 4u + 9u + 8u);
+    EXPECT_EQ(Slot<int32_t>(r, 0), 7);
+    EXPECT_EQ(std::string(r.c_str() + 4), "SHFE");   // market 2001's exchange
+    EXPECT_EQ(Slot<double>(r, 13), 42.0);
+    EXPECT_EQ(spi.templates[1].bytes, std::string("abcd\0", 5));
+    EXPECT_EQ(engine->DynainfoSequence(), 5u);
+}
+
+TEST_F(TemplateDynainfoTest, AbsentFieldsShortBodiesAndUnknownMarketsKeepTheirMarks) {
+    // Only the first field; then a body cut inside the second.
+    Dyna(DynaTemplateRecord(1, 0, Package310(0x80, std::string("\x05\x00\x00\x00", 4))) +
+         DynaTemplateRecord(2, 0, Package310(0xE0, std::string("\x05\x00\x00\x00\x39", 5))) +
+         DynaTemplateRecord(3, 0, Package310(0x40, std::string("\x39\x30", 2))));
+    ASSERT_EQ(spi.templates.size(), 3u);
+    for (int i = 0; i < 2; ++i) {
+        const std::string& r = spi.templates[i].bytes;
+        EXPECT_EQ(Slot<int32_t>(r, 0), 5) << i;
+        EXPECT_EQ(r[4], '\0') << i;
+        EXPECT_EQ(Slot<double>(r, 13), DBL_MAX) << i;
+    }
+    // A market the model does not know is named by its number.
+    EXPECT_EQ(std::string(spi.templates[2].bytes.c_str() + 4), "12345");
+    EXPECT_EQ(Slot<int32_t>(spi.templates[2].bytes, 0), 0x7FFFFFFF);
+}
+
+TEST_F(TemplateDynainfoTest, WithoutCallbackObjectNothingIsBuilt) {
+    engine->SetSpi(nullptr);
+    Dyna(DynaTemplateRecord(1, 0, Package310(0x80, std::string("\x05\x00\x00\x00", 4))));
+    EXPECT_EQ(engine->DynainfoSequence(), 1u);
+    EXPECT_TRUE(spi.templates.empty());
 }
 
 TEST_F(DynainfoTest, RecordRunningPastTheBodyEndsTheWalk) {

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "api/OrvexWiraMdApi.h"
+#include "codec/DataPackage.h"
 #include "support/FakeQuoteServer.h"
 
 namespace orvex_test {
@@ -79,6 +80,17 @@ public:
         Add(std::string("status:") + s->ExchangeID + ":" + s->MarketStatus);
     }
 
+    // A template record: its bytes, as many as the package's template lays
+    // out.
+    void OnTemplateData(unsigned short id, void* data) override {
+        const CQxDataPackage* tmpl = FindPackageTemplate(id);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            templates.push_back({id, tmpl && data ? std::string(static_cast<const char*>(data), tmpl->size) : ""});
+        }
+        Add("template:" + std::to_string(id));
+    }
+
     // Runs inside the next callback of the given kind (on the worker).
     std::function<void()> onLinked;
 
@@ -108,6 +120,11 @@ public:
     std::vector<InstrumentAnswer> instruments;
     std::vector<COrvexWiraDepthMarketDataField> depths;
     std::vector<COrvexWiraMarketStatusField> statuses;
+    struct TemplateRecord {
+        unsigned short id;
+        std::string bytes;
+    };
+    std::vector<TemplateRecord> templates;
 
 private:
     void Add(const std::string& e) {
