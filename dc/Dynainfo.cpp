@@ -194,7 +194,7 @@ void CMdEngine::ApplyPushedRow(const char* row, int rowLength) {
     const bool applied = m_settings.deltaQuot ? ProcessPushQuotationDelta(row, rowLength, inst, nullptr, &out)
                                           : ProcessPushQuotation(row, rowLength, inst, &out);
     COrvexWiraMdSpi* spi = Spi();
-    if (applied && spi && Subscribed(*market, out.InstrumentID)) spi->OnDepthMarketData(&out);
+    if (applied && spi && (!m_settings.subscribe || Subscribed(*market, out.InstrumentID))) spi->OnDepthMarketData(&out);
 }
 
 
