@@ -135,6 +135,16 @@ protected:
         CQXSFThread::ClearFronts();
     }
     void Push(const PushedRow& row) { server.Send(101, DynaPushRecord(2, row)); }
+    // A 09:50:00 row of al2405, then one of cu2405 (the second is returned).
+    PushedRow PushAlThenCu() {
+        PushedRow al(2001, "al2405", kDay, PackQuoteTime(9, 50, 0, 0));
+        al.Price(kPushLast, 95100);
+        Push(al);
+        PushedRow cu(2001, "cu2405", kDay, PackQuoteTime(9, 50, 0, 0));
+        cu.Price(kPushLast, 700100);
+        Push(cu);
+        return cu;
+    }
     std::vector<COrvexWiraDepthMarketDataField> DepthsOf(const std::string& id) {
         std::vector<COrvexWiraDepthMarketDataField> out;
         for (const auto& d : spi.Copy(spi.depths))
@@ -251,12 +261,7 @@ TEST_F(DCFlow, SubscriptionsFilterPushesAndReplayCurrentQuotes) {
     EXPECT_EQ(1u, DepthsOf("cu2405").size());
     EXPECT_EQ(1u, DepthsOf("m2409").size());
 
-    PushedRow al(2001, "al2405", kDay, PackQuoteTime(9, 50, 0, 0));
-    al.Price(kPushLast, 95100);
-    Push(al);
-    PushedRow cu(2001, "cu2405", kDay, PackQuoteTime(9, 50, 0, 0));
-    cu.Price(kPushLast, 700100);
-    Push(cu);
+    const PushedRow cu = PushAlThenCu();
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 2; }));
     EXPECT_TRUE(DepthsOf("al2405").empty());
 
@@ -302,12 +307,7 @@ TEST_F(DCFlow, SubscriptionsSurviveAReloginThatRebuildsTheMarkets) {
     EXPECT_EQ(2u, DepthsOf("m2409").size());
     EXPECT_TRUE(DepthsOf("al2405").empty());
     // ...and pushes keep flowing.
-    PushedRow al(2001, "al2405", kDay, PackQuoteTime(9, 50, 0, 0));
-    al.Price(kPushLast, 95100);
-    Push(al);
-    PushedRow cu(2001, "cu2405", kDay, PackQuoteTime(9, 50, 0, 0));
-    cu.Price(kPushLast, 700100);
-    Push(cu);
+    PushAlThenCu();
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 4; }));
     EXPECT_TRUE(DepthsOf("al2405").empty());
 }

@@ -30,6 +30,18 @@
 
 namespace orvex_test {
 
+// Market status answer in one packet: creates the markets and exchanges.
+inline void FeedStatus(CMdEngine& engine, const std::vector<MarketStatusRow>& rows) {
+    std::string body = MarketStatusBody(static_cast<uint16_t>(rows.size()), 0, rows);
+    engine.ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
+}
+
+// Whole name table of a market in one packet.
+inline void FeedNames(CMdEngine& engine, uint16_t market, const std::vector<NameRow>& rows) {
+    std::string body = NameTableBody(market, static_cast<uint16_t>(rows.size()), 0, rows);
+    engine.ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
+}
+
 class HandlerTest : public ::testing::Test {
 protected:
     void SetUp() override { MakeEngine(); }
@@ -55,17 +67,8 @@ protected:
         return s;
     }
 
-    // Market status answer in one packet: creates the markets and exchanges.
-    void Status(const std::vector<MarketStatusRow>& rows) {
-        std::string body = MarketStatusBody(static_cast<uint16_t>(rows.size()), 0, rows);
-        engine->ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
-    }
-
-    // Whole name table of a market in one packet.
-    void Names(uint16_t market, const std::vector<NameRow>& rows) {
-        std::string body = NameTableBody(market, static_cast<uint16_t>(rows.size()), 0, rows);
-        engine->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
-    }
+    void Status(const std::vector<MarketStatusRow>& rows) { FeedStatus(*engine, rows); }
+    void Names(uint16_t market, const std::vector<NameRow>& rows) { FeedNames(*engine, market, rows); }
 
     // Whole quotation of a market in one packet.
     void Quotes(uint16_t market, const std::vector<QuoteRow>& rows) {

@@ -57,14 +57,8 @@ protected:
         api.reset();
         CQXSFThread::ClearFronts();
     }
-    void Status(const std::vector<MarketStatusRow>& rows) {
-        std::string body = MarketStatusBody(static_cast<uint16_t>(rows.size()), 0, rows);
-        engine->ProcessMkStatusRsp(body.data(), static_cast<int>(body.size()));
-    }
-    void Names(uint16_t market, const std::vector<NameRow>& rows) {
-        std::string body = NameTableBody(market, static_cast<uint16_t>(rows.size()), 0, rows);
-        engine->ProcessNametableRsp(body.data(), static_cast<int>(body.size()));
-    }
+    void Status(const std::vector<MarketStatusRow>& rows) { FeedStatus(*engine, rows); }
+    void Names(uint16_t market, const std::vector<NameRow>& rows) { FeedNames(*engine, market, rows); }
 
     int Ask(COrvexWiraQryInstrumentField q, int requestId) { return api->ReqQryInstrument(&q, requestId); }
 
