@@ -310,6 +310,9 @@ TEST_F(DCFlow, SubscriptionsSurviveAReloginThatRebuildsTheMarkets) {
     PushAlThenCu();
     ASSERT_TRUE(WaitUntil([&] { return DepthsOf("cu2405").size() == 4; }));
     EXPECT_TRUE(DepthsOf("al2405").empty());
+    // The worker stops before the test's clock goes away.
+    api->Release();
+    api = nullptr;
 }
 
 TEST_F(DCFlow, InstrumentQueriesAnswerFromTheModel) {
