@@ -47,6 +47,14 @@ void SleepNs(int64_t ns) {
     }
 }
 
+void SleepUntilNs(int64_t at) {
+    const int64_t raw = at + g_origin;
+    if (raw <= RawMonotonicNs()) return;
+    timespec ts{static_cast<time_t>(raw / 1000000000), static_cast<long>(raw % 1000000000)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) != 0) {
+    }
+}
+
 int64_t ProcessCpuNs() {
     rusage ru;
     getrusage(RUSAGE_SELF, &ru);
@@ -86,6 +94,13 @@ int FindThread(const std::string& name) {
     }
     closedir(d);
     return found;
+}
+
+bool AllowCpus(int tid, const std::vector<int>& cpus) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (int c : cpus) CPU_SET(c, &set);
+    return sched_setaffinity(tid, sizeof(set), &set) == 0;
 }
 
 bool PinThread(int tid, int cpu) {

@@ -16,6 +16,8 @@ int64_t NowNs();
 
 // Sleeps for about `ns` nanoseconds.
 void SleepNs(int64_t ns);
+// Sleeps until NowNs() reaches `at` (at once when it has).
+void SleepUntilNs(int64_t at);
 
 // CPU time of the whole process (all threads, user + system), ns.
 int64_t ProcessCpuNs();
@@ -30,6 +32,8 @@ int FindThread(const std::string& name);
 // Binds one thread of this process (0: the calling thread) to one CPU.
 // False when the machine has no such CPU or the call is refused.
 bool PinThread(int tid, int cpu);
+// Lets the thread run on any of these CPUs.
+bool AllowCpus(int tid, const std::vector<int>& cpus);
 // The CPUs this process may run on, in order.
 std::vector<int> UsableCpus();
 

@@ -221,6 +221,39 @@ StreamResult Blaster::Stream(const PushStream& stream, double rate, double secon
     return res;
 }
 
+StreamResult Blaster::StreamPaced(const PushStream& stream, int64_t tickNs, int rowsPerTick, double seconds,
+                                  uint64_t firstSeq) {
+    StreamResult res;
+    const int fd = m_client.load();
+    if (fd < 0 || tickNs <= 0 || rowsPerTick <= 0 || rowsPerTick > stream.MaxRowsPerFrame()) {
+        res.broken = true;
+        return res;
+    }
+    std::vector<char> buf(4096);
+    const int64_t start = NowNs();
+    const uint64_t ticks = static_cast<uint64_t>(seconds * 1e9 / static_cast<double>(tickNs));
+    uint64_t sent = 0;
+    for (uint64_t k = 0; k < ticks; ++k) {
+        const int64_t due = start + static_cast<int64_t>(k) * tickNs;
+        SleepUntilNs(due);
+        const uint32_t packed = PackedTimeAfterOpen(due / 1000000);
+        const size_t len = stream.Build(buf.data(), firstSeq + sent, rowsPerTick, packed);
+        std::lock_guard<std::mutex> lock(m_sendLock);
+        const int64_t stamp = NowNs();
+        stream.Stamp(buf.data(), rowsPerTick, stamp);
+        if (!SendAll(fd, buf.data(), len)) {
+            res.broken = true;
+            break;
+        }
+        if (res.frames == 0) res.startNs = stamp;
+        sent += static_cast<uint64_t>(rowsPerTick);
+        ++res.frames;
+    }
+    res.rows = sent;
+    res.endNs = NowNs();
+    return res;
+}
+
 int64_t Blaster::CloseClient() {
     const int64_t at = NowNs();
     const int fd = m_client.load();

@@ -56,6 +56,13 @@ public:
     // until `maxRows` rows are out. Sequence numbers start at `firstSeq`.
     StreamResult Stream(const PushStream& stream, double rate, double seconds, uint64_t maxRows, uint64_t firstSeq);
 
+    // Sends one frame of `rowsPerTick` rows every `tickNs` from the calling
+    // thread for `seconds`, each frame on an absolute schedule (a late tick
+    // is sent at once, the next one keeps its own time), every row stamped
+    // with the moment of its send(). Sequence numbers start at `firstSeq`.
+    StreamResult StreamPaced(const PushStream& stream, int64_t tickNs, int rowsPerTick, double seconds,
+                             uint64_t firstSeq);
+
     // Closes the client's connection (FIN) and returns the moment.
     int64_t CloseClient();
 

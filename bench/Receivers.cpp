@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "BenchMarket.h"
@@ -55,6 +57,13 @@ LatencySummary DeliveryRecorder::Summarize() {
     return s;
 }
 
+std::vector<int64_t> DeliveryRecorder::SortedLatencies() const {
+    const uint64_t n = Count();
+    std::vector<int64_t> v(m_latency.begin(), m_latency.begin() + static_cast<std::ptrdiff_t>(n));
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
 bool BaselineClient::Connect(uint16_t port) {
     m_fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
@@ -65,6 +74,11 @@ bool BaselineClient::Connect(uint16_t port) {
         close(m_fd);
         m_fd = -1;
         return false;
+    }
+    if (m_mode == Mode::Blocking) {
+        // A blocking receive that still notices Stop() now and then.
+        timeval tv{0, 200000};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     }
     m_thread = std::thread([this] { Run(); });
     return true;
@@ -124,9 +138,12 @@ void BaselineClient::Run() {
     std::vector<char> buf(kBuffer);
     int fill = 0;
     while (!m_stop) {
-        pollfd p{m_fd, POLLIN, 0};
-        if (poll(&p, 1, 2) <= 0) continue;
+        if (m_mode == Mode::Poll) {
+            pollfd p{m_fd, POLLIN, 0};
+            if (poll(&p, 1, 2) <= 0) continue;
+        }
         ssize_t n = recv(m_fd, buf.data() + fill, static_cast<size_t>(kBuffer - fill), 0);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
         if (n <= 0) break;
         fill += static_cast<int>(n);
         int start = 0;

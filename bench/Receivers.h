@@ -67,6 +67,8 @@ public:
     // `quietMs`; true when all arrived.
     bool WaitFor(uint64_t rows, int quietMs) const;
     LatencySummary Summarize();
+    // The latencies recorded (ns), sorted.
+    std::vector<int64_t> SortedLatencies() const;
 
 private:
     std::atomic<bool> m_armed{false};
@@ -83,7 +85,10 @@ private:
 
 class BaselineClient {
 public:
-    explicit BaselineClient(DeliveryRecorder& recorder) : m_recorder(recorder) {}
+    // The poll loop receives as the library does (2 ms poll, then recv);
+    // the blocking loop is the barest receiver: one blocking recv per pass.
+    enum class Mode { Poll, Blocking };
+    explicit BaselineClient(DeliveryRecorder& recorder, Mode mode = Mode::Poll) : m_recorder(recorder), m_mode(mode) {}
     ~BaselineClient() { Stop(); }
     bool Connect(uint16_t port);
     void Stop();
@@ -96,6 +101,7 @@ private:
     void Walk(const char* body, int length);
 
     DeliveryRecorder& m_recorder;
+    const Mode m_mode;
     int m_fd = -1;
     std::atomic<bool> m_stop{false};
     std::atomic<uint64_t> m_frames{0};

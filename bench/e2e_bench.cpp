@@ -57,6 +57,8 @@ struct Options {
     int trials = 3;
     bool reconnect = true;
     std::string markdown;
+    double pacedSeconds = 4;   // each paced run; 0: none
+    std::string latencyDir;    // where the paced runs' latency curves go
 };
 
 // ---- the library as an application sees it ----
@@ -245,17 +247,19 @@ struct RunResult {
     uint64_t delivered = 0, duplicates = 0, outOfOrder = 0, stray = 0;
     double rowsPerSecond = 0;
     double cpuPerRow = 0;   // ns of the receiving thread's CPU per row
+    double cpuShare = 0;    // the receiving thread's CPU while sending, % of a core
+    std::vector<int64_t> sorted;   // latencies, ns
 };
 
-RunResult RunStream(Blaster& blaster, DeliveryRecorder& recorder, int receiverTid, const PushStream& stream,
-                    double rate, double seconds, uint64_t maxRows, uint64_t* nextSeq) {
+// One run: `send` streams rows from *nextSeq on, at most `capacity`.
+template <class Send>
+RunResult MeasureRun(DeliveryRecorder& recorder, int receiverTid, double rate, uint64_t capacity,
+                     uint64_t* nextSeq, Send send) {
     RunResult out;
     out.rate = rate;
-    const uint64_t capacity =
-        rate > 0 ? std::min<uint64_t>(maxRows, static_cast<uint64_t>(rate * seconds * 1.05) + 1000) : maxRows;
     recorder.Arm(*nextSeq, capacity);
     const int64_t cpu0 = ThreadCpuNs(receiverTid);
-    out.sent = blaster.Stream(stream, rate, seconds, capacity, *nextSeq);
+    out.sent = send();
     recorder.WaitFor(out.sent.rows, 3000);
     const int64_t cpu1 = ThreadCpuNs(receiverTid);
     SleepNs(20000000);   // anything late or doubled would show now
@@ -269,8 +273,50 @@ RunResult RunStream(Blaster& blaster, DeliveryRecorder& recorder, int receiverTi
     out.rowsPerSecond = span > 0 ? static_cast<double>(out.delivered) * 1e9 / static_cast<double>(span) : 0;
     if (cpu0 >= 0 && cpu1 >= cpu0 && out.delivered > 0)
         out.cpuPerRow = static_cast<double>(cpu1 - cpu0) / static_cast<double>(out.delivered);
+    const int64_t sending = out.sent.endNs - out.sent.startNs;
+    if (cpu0 >= 0 && cpu1 >= cpu0 && sending > 0)
+        out.cpuShare = 100.0 * static_cast<double>(cpu1 - cpu0) / static_cast<double>(sending);
+    out.sorted = recorder.SortedLatencies();
     *nextSeq += out.sent.rows + 1000;
     return out;
+}
+
+RunResult RunStream(Blaster& blaster, DeliveryRecorder& recorder, int receiverTid, const PushStream& stream,
+                    double rate, double seconds, uint64_t maxRows, uint64_t* nextSeq) {
+    const uint64_t capacity =
+        rate > 0 ? std::min<uint64_t>(maxRows, static_cast<uint64_t>(rate * seconds * 1.05) + 1000) : maxRows;
+    const uint64_t first = *nextSeq;
+    return MeasureRun(recorder, receiverTid, rate, capacity, nextSeq,
+                      [&] { return blaster.Stream(stream, rate, seconds, capacity, first); });
+}
+
+// One frame every 100 µs carrying rate / 10,000 rows.
+constexpr int64_t kTickNs = 100000;
+
+RunResult RunPaced(Blaster& blaster, DeliveryRecorder& recorder, int receiverTid, const PushStream& stream,
+                   double rate, double seconds, uint64_t* nextSeq) {
+    const int perTick = std::max(1, static_cast<int>(rate * static_cast<double>(kTickNs) / 1e9 + 0.5));
+    const uint64_t capacity = static_cast<uint64_t>(seconds * 1e9 / static_cast<double>(kTickNs) + 10) * perTick + 1000;
+    const uint64_t first = *nextSeq;
+    return MeasureRun(recorder, receiverTid, rate, capacity, nextSeq,
+                      [&] { return blaster.StreamPaced(stream, kTickNs, perTick, seconds, first); });
+}
+
+// The latency curve of a run: latency (µs) against the share of rows at
+// least that late, densest in the tail.
+void WriteLatencyCurve(const std::string& path, const std::vector<int64_t>& sorted) {
+    FILE* f = std::fopen(path.c_str(), "w");
+    if (!f) return;
+    const size_t n = sorted.size();
+    std::fprintf(f, "# latency_us share_at_least\n");
+    for (size_t i = 0; i < n;) {
+        std::fprintf(f, "%.3f %.9g\n", static_cast<double>(sorted[i]) / 1000.0,
+                     static_cast<double>(n - i) / static_cast<double>(n));
+        // Every row of the last thousand, sparser below.
+        const size_t left = n - i;
+        i += left > 1000 ? std::max<size_t>(1, left / 2000) : 1;
+    }
+    std::fclose(f);
 }
 
 std::string RunLabel(double rate) { return rate > 0 ? Fmt("%.0f rows/s", rate) : std::string("full speed"); }
@@ -304,12 +350,15 @@ Options ParseOptions(int argc, char** argv) {
         else if (a == "--trials") o.trials = std::atoi(next().c_str());
         else if (a == "--no-reconnect") o.reconnect = false;
         else if (a == "--markdown") o.markdown = next();
+        else if (a == "--paced-seconds") o.pacedSeconds = std::atof(next().c_str());
+        else if (a == "--latency-dir") o.latencyDir = next();
         else if (a == "--quick") {
             o.seconds = 1;
             o.fullRows = 300000;
             o.fullRounds = 3;
             o.idleSeconds = 2;
             o.trials = 1;
+            o.pacedSeconds = 1;
         } else {
             std::fprintf(stderr, "unknown option %s\n", a.c_str());
             std::exit(2);
@@ -452,6 +501,56 @@ int main(int argc, char** argv) {
     }
     baseline.Stop();
 
+    // ---- paced: one frame every 100 µs, against the barest receiver ----
+    struct PacedRun {
+        bool pinned;
+        RunResult bare, library;
+    };
+    std::vector<PacedRun> paced;
+    if (opt.pacedSeconds > 0) {
+        DeliveryRecorder bareRecorder;
+        BaselineClient bare(bareRecorder, BaselineClient::Mode::Blocking);
+        if (!bare.Connect(baseBlaster.Port()) || !baseBlaster.WaitAccepted(2, 5000) ||
+            !WaitUntil([&] { return bare.Tid() >= 0; }, 2000)) {
+            std::fprintf(stderr, "bare client could not connect\n");
+            return 1;
+        }
+        for (bool pin : {false, true}) {
+            if (pin && !pinned) continue;
+            // Unpinned: every thread may run on every CPU, as a user's
+            // process would.
+            for (int tid : {0, worker, bare.Tid()}) {
+                if (pin) PinThread(tid, tid == 0 ? cpus[0] : cpus[1]);
+                else AllowCpus(tid, cpus);
+            }
+            for (double rate : {10000.0, 100000.0}) {
+                std::printf("paced %s, %s...\n", RunLabel(rate).c_str(), pin ? "pinned" : "unpinned");
+                std::fflush(stdout);
+                PacedRun r;
+                r.pinned = pin;
+                r.bare = RunPaced(baseBlaster, bareRecorder, bare.Tid(), stream, rate, opt.pacedSeconds, &nextSeq);
+                r.library = RunPaced(libBlaster, libRecorder, worker, stream, rate, opt.pacedSeconds, &nextSeq);
+                account(r.bare, false);
+                account(r.library, true);
+                paced.push_back(std::move(r));
+            }
+        }
+        bare.Stop();
+        // The other measurements keep their placement.
+        if (pinned) {
+            PinThread(0, cpus[0]);
+            PinThread(worker, cpus[1]);
+        }
+    }
+    if (!opt.latencyDir.empty()) {
+        for (const PacedRun& r : paced) {
+            const std::string stem = opt.latencyDir + "/paced-" + (r.pinned ? "pinned-" : "unpinned-") +
+                                     (r.bare.rate >= 100000 ? "100k" : "10k");
+            WriteLatencyCurve(stem + "-bare.dat", r.bare.sorted);
+            WriteLatencyCurve(stem + "-library.dat", r.library.sorted);
+        }
+    }
+
     // ---- connection loss ----
     struct LossResult {
         bool done = false;
@@ -537,6 +636,34 @@ int main(int argc, char** argv) {
         if (rates[i] >= rates[latencyRun] || latencyRun == 0) latencyRun = i;
     const double p99Excess = latencyRun > 0 ? Us(libRuns[latencyRun].lat.p99 - baseRuns[latencyRun].lat.p99) : 0;
 
+    double pacedGap100k = 0;
+    if (!paced.empty()) {
+        md << "## Paced every 100 µs\n\n";
+        md << "The blaster sends one frame every 100 µs on an absolute schedule: one row per frame at 10,000 "
+              "rows/s, ten at 100,000; every row is stamped at its frame's send(). The bare receiver does one "
+              "blocking recv() per pass, cuts the frames and reads the stamps, nothing else; then the library "
+              "receives the same schedule. Unpinned, every thread may run on every CPU; pinned, the sender has "
+              "one CPU and the receivers the other. CPU is the receiving thread's, in % of a core while the "
+              "stream lasts.\n\n";
+        md << "| placement | rate | receiver | rows | lost | p50 µs | p99 µs | p99.9 µs | max µs | CPU % | "
+              "p99 gap µs |\n";
+        md << "|---|---|---|---:|---:|---:|---:|---:|---:|---:|---:|\n";
+        for (const PacedRun& r : paced) {
+            const double gap = Us(r.library.lat.p99 - r.bare.lat.p99);
+            if (!r.pinned && r.bare.rate >= 100000) pacedGap100k = gap;
+            for (const RunResult* x : {&r.bare, &r.library}) {
+                const uint64_t lost = x->sent.rows - std::min(x->sent.rows, x->delivered);
+                md << "| " << (r.pinned ? "pinned" : "unpinned") << " | " << RunLabel(x->rate) << " | "
+                   << (x == &r.bare ? "bare" : "library") << " | " << x->sent.rows << " | " << lost << " | "
+                   << Fmt("%.1f", Us(x->lat.p50)) << " | " << Fmt("%.1f", Us(x->lat.p99)) << " | "
+                   << Fmt("%.1f", Us(x->lat.p999)) << " | " << Fmt("%.1f", Us(x->lat.max)) << " | "
+                   << Fmt("%.1f", x->cpuShare) << " | " << (x == &r.library ? Fmt("%+.1f", gap) : std::string())
+                   << " |\n";
+            }
+        }
+        md << "\n" << Fmt("p99 gap 100k: %.1f µs\n\n", pacedGap100k);
+    }
+
     md << "## Snapshot load\n\n";
     md << "Login sent to the first status report after \"Quotation Completed\" (the library's own snapshot "
           "callbacks on); median of " << opt.trials << " loads. \"After the last packet\" runs from the "
@@ -596,6 +723,12 @@ int main(int argc, char** argv) {
     row("10,000-instrument snapshot < 100 ms after the last packet", Fmt("%.1f ms", Median(big.afterLastMs)),
         Median(big.afterLastMs) < 100);
     row("idle CPU < 1% of a core", Fmt("%.3f%%", idleProcess), idleProcess < 1.0);
+    for (const PacedRun& r : paced) {
+        const double gap = Us(r.library.lat.p99 - r.bare.lat.p99);
+        row(Fmt("paced, %s, %s: p99 within 20 µs of the bare loop", RunLabel(r.bare.rate).c_str(),
+                r.pinned ? "pinned" : "unpinned"),
+            Fmt("%+.1f µs", gap), gap <= 20);
+    }
     md << "\n";
 
     const std::string report = md.str();
