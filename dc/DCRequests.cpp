@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/TcpConnection.h"
 #include "dc/DCThread.h"
 #include "sf/QXSFThread.h"
 
@@ -57,16 +58,8 @@ int CDCThread::SendFrame(int command, const void* body, int length) {
     bool lost;
     {
         std::lock_guard<std::recursive_mutex> lock(m_sendLock);
-        int64_t sock = m_socket.load();
-        int sent = 0;
-        while (sent < total) {
-            ssize_t n = sock < 0 ? -1
-                                 : send(static_cast<int>(sock), frame + sent, static_cast<size_t>(total - sent),
-                                        MSG_NOSIGNAL);
-            if (n < 0) break;
-            sent += static_cast<int>(n);
-        }
-        if (sent == total) return 1;
+        const int64_t sock = m_socket.load();
+        if (sock >= 0 && orvex::SendAll(static_cast<int>(sock), frame, static_cast<size_t>(total))) return 1;
         lost = CloseLocked();
     }
     if (lost) ReportLost(kReasonSendError);

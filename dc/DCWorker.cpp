@@ -1,8 +1,4 @@
 // The DC worker: the one thread that talks to the quote server.
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -14,6 +10,7 @@
 #include <exception>
 
 #include "base/Clock.h"
+#include "base/TcpConnection.h"
 #include "dc/DCThread.h"
 #include "sf/QXSFThread.h"
 
@@ -54,49 +51,6 @@ private:
     int m_today = 0;
     int m_hms = 0;
 };
-
-bool ResolveAndConnect(int sock, const _FrontInfo& front, const std::atomic<bool>& running) {
-    sockaddr_in addr;
-    std::memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(front.port);
-    in_addr_t a = inet_addr(front.host);
-    if (a == INADDR_NONE) {
-        addrinfo hints;
-        std::memset(&hints, 0, sizeof(hints));
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* res = nullptr;
-        if (getaddrinfo(front.host, nullptr, &hints, &res) == 0 && res) {
-            addr.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
-            addr.sin_family = static_cast<sa_family_t>(res->ai_family);
-            freeaddrinfo(res);
-        }
-    } else {
-        addr.sin_addr.s_addr = a;
-    }
-    // The connect waits as long as a blocking one would, but in short slices
-    // so that Release does not hang on a front that never answers.
-    int flags = fcntl(sock, F_GETFL, 0);
-    fcntl(sock, F_SETFL, flags | O_NONBLOCK);
-    bool ok = connect(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    if (!ok && errno == EINPROGRESS) {
-        for (int waited = 0; running && waited < kConnectLimitMs; waited += 50) {
-            pollfd p{sock, POLLOUT, 0};
-            int rc = poll(&p, 1, 50);
-            if (rc < 0 && errno != EINTR) break;
-            if (rc > 0) {
-                int err = 0;
-                socklen_t len = sizeof(err);
-                getsockopt(sock, SOL_SOCKET, SO_ERROR, &err, &len);
-                ok = err == 0;
-                break;
-            }
-        }
-    }
-    fcntl(sock, F_SETFL, flags);
-    return ok;
-}
 
 }  // namespace
 
@@ -232,7 +186,7 @@ void CDCThread::Connect() {
     }
     if (current >= 0 && current < count && frontAt(current).usable) {
         _FrontInfo front = frontAt(current);
-        if (ResolveAndConnect(sock, front, m_bRunning)) {
+        if (orvex::ConnectTcp(sock, front.host, front.port, m_bRunning, kConnectLimitMs)) {
             connected = true;
             Log("DC Connected : %s:%d", front.host, front.port);
             m_engine.OnConnected(true);
@@ -246,14 +200,13 @@ void CDCThread::Connect() {
         int unusable = 0;
         for (int i = 0; i < count; ++i) unusable += frontAt(i).usable ? 0 : 1;
         while (unusable < count && m_bRunning) {
-            int i = orvex::Random() % count;
             // A poor generator must not spin for ever: after many misses the
-            // first usable front is taken.
-            for (int draws = 1; !frontAt(i).usable; ++draws) {
-                i = draws < 256 ? orvex::Random() % count : (i + 1) % count;
-            }
+            // next usable front is taken.
+            const int i = orvex::DrawFront(
+                count, [&](int k) { return frontAt(k).usable; }, [] { return orvex::Random(); }, 256);
+            if (i < 0) break;
             _FrontInfo front = frontAt(i);
-            if (ResolveAndConnect(sock, front, m_bRunning)) {
+            if (orvex::ConnectTcp(sock, front.host, front.port, m_bRunning, kConnectLimitMs)) {
                 connected = true;
                 Log("DC Connected : %s:%d", front.host, front.port);
                 m_engine.OnConnected(false);

@@ -3,11 +3,7 @@
 // QxsfFiles.cpp; contract files in QxsfContracts.cpp.
 #include "sf/QXSFThread.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -23,6 +19,7 @@
 
 #include "base/Clock.h"
 #include "base/IniFile.h"
+#include "base/TcpConnection.h"
 
 std::mutex CQXSFThread::s_FrontsLock;
 std::vector<_FrontInfo> CQXSFThread::s_Fronts;
@@ -30,6 +27,7 @@ std::vector<_FrontInfo> CQXSFThread::s_Fronts;
 namespace {
 
 const char* const kMarketConfig = "./OrvexWiraMdApi.def";
+constexpr int kConnectLimitMs = 127000;
 
 std::string Lower(std::string s) {
     for (char& c : s)
@@ -266,50 +264,9 @@ void CQXSFThread::Exit() {
 bool CQXSFThread::ConnectTo(const _FrontInfo& front) {
     char host[sizeof(front.host) + 1];
     CopyText(host, sizeof(host), front.host);
-    struct sockaddr_in addr;
-    std::memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(front.port);
-    in_addr_t ip = inet_addr(host);
-    if (ip == INADDR_NONE) {
-        struct addrinfo hints;
-        std::memset(&hints, 0, sizeof(hints));
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_STREAM;
-        struct addrinfo* found = nullptr;
-        if (getaddrinfo(host, nullptr, &hints, &found) != 0 || found == nullptr) return false;
-        ip = reinterpret_cast<struct sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
-        freeaddrinfo(found);
-    }
-    addr.sin_addr.s_addr = ip;
-
-    // The connect waits as long as a blocking one would, but in short
-    // slices, so that a worker being released does not hang here.
-    int fd = static_cast<int>(m_hSocket);
-    int flags = fcntl(fd, F_GETFL, 0);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    bool connected = false;
-    int rc = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
-    if (rc == 0) {
-        connected = true;
-    } else if (errno == EINPROGRESS) {
-        while (m_bRunning) {
-            struct pollfd pfd;
-            pfd.fd = fd;
-            pfd.events = POLLOUT;
-            pfd.revents = 0;
-            int ready = poll(&pfd, 1, 50);
-            if (ready < 0 && errno != EINTR) break;
-            if (ready > 0) {
-                int err = 0;
-                socklen_t errLen = sizeof(err);
-                connected = getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errLen) == 0 && err == 0;
-                break;
-            }
-        }
-    }
-    fcntl(fd, F_SETFL, flags);
-    return connected;
+    // As long as a blocking connect would wait, in slices, so that a worker
+    // being released does not hang here.
+    return orvex::ConnectTcp(static_cast<int>(m_hSocket), host, front.port, m_bRunning, kConnectLimitMs);
 }
 
 bool CQXSFThread::ConnectQXSF() {
@@ -333,17 +290,11 @@ bool CQXSFThread::ConnectQXSF() {
         // Random order, each front at most once. The draws are bounded so a
         // degenerate generator cannot hold the worker; then the next usable
         // entry after the last draw is taken.
-        size_t index = 0;
-        bool found = false;
-        for (size_t draw = 0; draw < 64 * count && !found; ++draw) {
-            index = static_cast<unsigned>(orvex::Random()) % count;
-            found = fronts[index].usable;
-        }
-        for (size_t step = 0; step < count && !found; ++step) {
-            index = (index + 1) % count;
-            found = fronts[index].usable;
-        }
-        if (!found) break;
+        const int drawn = orvex::DrawFront(
+            static_cast<int>(count), [&](int k) { return fronts[static_cast<size_t>(k)].usable; },
+            [] { return orvex::Random(); }, static_cast<int>(64 * count));
+        if (drawn < 0) break;
+        const size_t index = static_cast<size_t>(drawn);
         if (ConnectTo(fronts[index])) {
             chosen = static_cast<int>(index);
             break;
@@ -443,18 +394,7 @@ bool CQXSFThread::SendRequest(_MainPkgHead head, unsigned char* body, int length
     if (m_hSocket == -1) return false;
     int total = QxsfEncodePackage(head, body, length, m_SendBuf, SEND_SIZE);
     if (total < 0) return false;
-    int sent = 0;
-    while (sent < total) {
-        // MSG_NOSIGNAL: a peer that has gone away fails the send instead of
-        // raising SIGPIPE in the caller's process.
-        ssize_t n = send(static_cast<int>(m_hSocket), m_SendBuf + sent, total - sent, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        sent += static_cast<int>(n);
-    }
-    return true;
+    return orvex::SendAll(static_cast<int>(m_hSocket), m_SendBuf, static_cast<size_t>(total));
 }
 
 int CQXSFThread::ReadData() {

@@ -321,6 +321,16 @@ TEST_F(DCConnection, OnFrontLostMayWaitForALoginOnAnotherThread) {
     api->RegisterSpi(&spi);
 }
 
+TEST_F(DCConnection, FrontWhoseHostDoesNotResolveIsAFailedAttempt) {
+    // The fake server listens on the port the front names: a connect to the
+    // zero address would reach it.
+    Start({"tcp://no-such-host.invalid:" + std::to_string(server.Port())});
+    ASSERT_TRUE(spi.WaitFor("lost:4099"));
+    usleep(100 * 1000);
+    EXPECT_EQ(0, server.Accepted());
+    EXPECT_EQ(0, spi.Count("linked"));
+}
+
 TEST_F(DCConnection, SilentConnectionIsDroppedAfterTheReceiveTimeout) {
     ScopedTempDir::Write("OrvexWiraMdApi.def", "[CONFIG]\nRecvTimeout=2\nLog=1\n");
     FakeClock::SetLocalTime(2024, 1, 2, 9, 8, 7);

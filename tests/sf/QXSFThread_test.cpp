@@ -361,6 +361,17 @@ TEST_F(QxsfWorkerTest, WithoutFileFrontTheWorkerReportsAndEnds) {
     ExpectOnlyError(4099, "qxsf connected faild!");
 }
 
+TEST_F(QxsfWorkerTest, FrontWhoseHostDoesNotResolveIsAFailedAttempt) {
+    // The server listens on the port the front names; a connect to the zero
+    // address would reach it.
+    m_server.reset(new FakeFileServer());
+    ASSERT_TRUE(m_server->Start());
+    CQXSFThread::AddFront(_FrontInfo{true, "no-such-host.invalid", m_server->Port(), true});
+    Run(false);
+    ExpectOnlyError(4099, "qxsf connected faild!");
+    EXPECT_EQ(0, m_server->Connections());
+}
+
 TEST_F(QxsfWorkerTest, ConnectsToTheOnlyListeningFrontOfThree) {
     AddFront(FakeFileServer::UnusedPort());
     AddFront(FakeFileServer::UnusedPort());
