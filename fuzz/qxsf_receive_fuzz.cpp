@@ -1,9 +1,9 @@
 // File-service receive path: the input is what a file server sends to a
 // worker that is logged in and has asked for the files of RequestedFiles()
-// under handles 1-4. The worker is not started; the input goes through a
-// socket pair into its receive buffer (ReadData), then CheckRequest cuts and
-// handles the packages (login answer, list pages, file transfers) and
-// DownloadFile sends the requests the lists cause, as the worker loop does.
+// under handles 1-4. The worker is not started; the input goes into its
+// package reader (OnReceived), which cuts and hands the packages to their
+// handlers (login answer, list pages, file transfers), and DownloadFile
+// sends the requests the lists cause, as the worker loop does.
 // At the end the verified files are loaded as contract files and the cache
 // is pruned.
 #include <fcntl.h>
@@ -23,29 +23,6 @@
 #include "sf/QXSFThread.h"
 
 namespace {
-
-// The worker keeps its socket, its request map and its log switch to
-// itself; a fuzzer has to set them up. Explicit instantiation may name
-// private members, which gives a pointer to each.
-template <class Tag, typename Tag::type Member>
-struct Expose {
-    friend typename Tag::type Get(Tag) { return Member; }
-};
-struct SocketOf {
-    using type = int64_t CQXSFThread::*;
-    friend type Get(SocketOf);
-};
-struct RequestsOf {
-    using type = std::map<unsigned short, _TaskFileInfo2> CQXSFThread::*;
-    friend type Get(RequestsOf);
-};
-struct LogOf {
-    using type = bool CQXSFThread::*;
-    friend type Get(LogOf);
-};
-template struct Expose<SocketOf, &CQXSFThread::m_hSocket>;
-template struct Expose<RequestsOf, &CQXSFThread::m_mapRequested>;
-template struct Expose<LogOf, &CQXSFThread::m_bLog>;
 
 _TaskFileInfo2 Record(const orvex_fuzz::RequestedFile& f) {
     _TaskFileInfo2 r;
@@ -89,25 +66,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     orvex_fuzz::TouchSpi spi;
     CQXSFThread* worker = new CQXSFThread("", &query, {"SHFE", "DCE"});
     worker->RegisterSpi(&spi);
-    worker->*Get(LogOf()) = false;
+    worker->SetLogForTest(false);
     worker->UpLoadMarket();
     for (const orvex_fuzz::RequestedFile& f : orvex_fuzz::RequestedFiles())
-        (worker->*Get(RequestsOf()))[f.handle] = Record(f);
-    worker->*Get(SocketOf()) = fds[0];
+        worker->ExpectFileForTest(f.handle, Record(f));
+    // Its requests go out on one end of a socket pair and are dropped.
+    worker->AttachSocketForTest(fds[0]);
 
-    // The server's bytes, then its end of the stream.
-    size_t sent = 0;
-    while (sent < size) {
-        ssize_t n = send(fds[1], data + sent, size - sent, MSG_NOSIGNAL);
-        if (n <= 0) break;
-        sent += static_cast<size_t>(n);
-    }
-    shutdown(fds[1], SHUT_WR);
-
-    // The worker loop, without waiting.
-    for (int turn = 0; turn < 1000; ++turn) {
-        if (worker->ReadData() < 1) break;
-        if (!worker->CheckRequest()) break;
+    // The worker loop, without waiting: the server's bytes arrive in reads
+    // of up to 4096 bytes, each followed by the requests they cause.
+    const char* bytes = reinterpret_cast<const char*>(data);
+    for (size_t pos = 0; pos < size;) {
+        const size_t n = size - pos < 4096 ? size - pos : 4096;
+        if (!worker->OnReceived(bytes + pos, n)) break;
+        pos += n;
         if (!worker->DownloadFile()) break;
         Drain(fds[1]);
         if (worker->IsOver()) break;

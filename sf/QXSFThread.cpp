@@ -28,6 +28,9 @@ namespace {
 
 const char* const kMarketConfig = "./OrvexWiraMdApi.def";
 constexpr int kConnectLimitMs = 127000;
+// Contract files are a few hundred kilobytes; a server asking for more than
+// this is refused ([CONFIG] MaxFileSize changes it).
+constexpr long long kDefaultMaxFileSize = 256LL << 20;
 
 std::string Lower(std::string s) {
     for (char& c : s)
@@ -73,13 +76,13 @@ CQXSFThread::CQXSFThread(const char* logDirectory, _QryInstrumentInfo* query,
       m_nLastLoginTick(0),
       m_bLog(true),
       m_nLastError(0),
-      m_nRecvLen(0),
       m_strLoginFile("./qxsfc_login.ini"),
       m_strCacheIndex("./cache/cache.ini"),
       m_cClientKind(1),
       m_nHandle(0),
       m_vMarkets(std::move(markets)),
       m_bStarted(false),
+      m_nMaxFileSize(kDefaultMaxFileSize),
       m_bOver(false) {
     std::memset(m_szLogDir, 0, sizeof(m_szLogDir));
     if (logDirectory != nullptr && logDirectory[0] != '\0') CopyText(m_szLogDir, sizeof(m_szLogDir), logDirectory);
@@ -87,6 +90,12 @@ CQXSFThread::CQXSFThread(const char* logDirectory, _QryInstrumentInfo* query,
     CopyText(m_szClientName, sizeof(m_szClientName), "QXSFC");
     std::memset(&m_QryInfo, 0, sizeof(m_QryInfo));
     if (query != nullptr) std::memcpy(&m_QryInfo, query, sizeof(m_QryInfo));
+    CIniFile config;
+    config.SetPath(kMarketConfig);
+    config.CaseInsensitive();
+    config.ReadFile();
+    const int limit = config.GetValueI("CONFIG", "MaxFileSize", 0);
+    if (limit > 0) m_nMaxFileSize = limit;
 }
 
 CQXSFThread::~CQXSFThread() {
@@ -254,7 +263,7 @@ void CQXSFThread::Exit() {
         }
     }
     m_nLastError = 0;
-    m_nRecvLen = 0;
+    m_reader.Clear();
     m_bLoggedIn = false;
     m_bRunning = false;
 }
@@ -399,60 +408,49 @@ bool CQXSFThread::SendRequest(_MainPkgHead head, unsigned char* body, int length
 
 int CQXSFThread::ReadData() {
     if (m_hSocket == -1) return -1;
-    ssize_t n = recv(static_cast<int>(m_hSocket), m_RecvBuf + m_nRecvLen, RECV_SIZE - m_nRecvLen, 0);
-    if (n > 0) m_nRecvLen += static_cast<int>(n);
+    ssize_t n = recv(static_cast<int>(m_hSocket), m_reader.FreeSpace(), static_cast<size_t>(m_reader.FreeBytes()), 0);
+    if (n > 0) m_reader.Commit(static_cast<int>(n));
     return static_cast<int>(n);
 }
 
-bool CQXSFThread::CheckRequest() {
-    while (m_nRecvLen >= QXSF_HEAD_SIZE) {
-        _MainPkgHead head;
-        if (m_RecvBuf[0] != QXSF_MARK || from_stream(head, m_RecvBuf, m_nRecvLen) != QXSF_HEAD_SIZE) {
+bool CQXSFThread::CheckRequest() { return Reported(m_reader.Cut(*this)); }
+
+bool CQXSFThread::OnReceived(const char* data, size_t length) { return Reported(m_reader.Feed(data, length, *this)); }
+
+bool CQXSFThread::Reported(CQxsfReader::Result result) {
+    switch (result) {
+        case CQxsfReader::kBadHead:
             OnRspInstrument(8195, "Client QXSF an error packet head appeard.", true);
             return false;
-        }
-        const int wireLength = QXSF_HEAD_SIZE + head.BodyLength;
-        // A package that can never fit the receive buffer is as broken as a
-        // bad head: waiting for it would stall the worker for ever.
-        if (wireLength > RECV_SIZE) {
-            OnRspInstrument(8195, "Client QXSF an error packet head appeard.", true);
+        case CQxsfReader::kBadBody:
+            OnRspInstrument(8195, "Client QXSF uncompress packet error.", true);
             return false;
-        }
-        if (m_nRecvLen < wireLength) break;
+        case CQxsfReader::kStopped:
+            return false;
+        default:
+            return true;
+    }
+}
 
-        char* body = m_RecvBuf + QXSF_HEAD_SIZE;
-        int bodyLength = head.BodyLength;
-        if ((head.Flags & QXSF_FLAG_COMPRESSED) != 0) {
-            bodyLength = QxsfInflateBody(body, bodyLength, m_BodyBuf, BODY_SIZE);
-            if (bodyLength < 0) {
-                OnRspInstrument(8195, "Client QXSF uncompress packet error.", true);
-                return false;
-            }
-            body = m_BodyBuf;
-        }
-
-        switch (static_cast<unsigned char>(head.Command)) {
-            case QXSF_CMD_ERROR:
-                OnRspInstrument(8195, "Client QXSF An reqerror packet appears", true);
-                break;
-            case QXSF_CMD_LOGIN:
-                if (!UploadMarketList()) return false;
-                DumpLog("qxsf login success.");
-                m_bLoggedIn = true;
-                break;
-            case QXSF_CMD_MKTLIST:
-                if (!ProcessMktFileList(body, bodyLength)) return false;
-                DumpLog("qxsf get mktlist success.");
-                break;
-            case QXSF_CMD_FILE:
-                if (!ProcessMktFile(head.Handle, body, bodyLength)) return false;
-                break;
-            default:
-                break;
-        }
-
-        std::memmove(m_RecvBuf, m_RecvBuf + wireLength, m_nRecvLen - wireLength);
-        m_nRecvLen -= wireLength;
+bool CQXSFThread::OnPackage(const _MainPkgHead& head, char* body, int bodyLength) {
+    switch (static_cast<unsigned char>(head.Command)) {
+        case QXSF_CMD_ERROR:
+            OnRspInstrument(8195, "Client QXSF An reqerror packet appears", true);
+            break;
+        case QXSF_CMD_LOGIN:
+            if (!UploadMarketList()) return false;
+            DumpLog("qxsf login success.");
+            m_bLoggedIn = true;
+            break;
+        case QXSF_CMD_MKTLIST:
+            if (!ProcessMktFileList(body, bodyLength)) return false;
+            DumpLog("qxsf get mktlist success.");
+            break;
+        case QXSF_CMD_FILE:
+            if (!ProcessMktFile(head.Handle, body, bodyLength)) return false;
+            break;
+        default:
+            break;
     }
     return true;
 }

@@ -26,6 +26,7 @@
 #include "base/MThread.h"
 #include "sf/FrontInfo.h"
 #include "sf/QryInstrumentInfo.h"
+#include "sf/QxsfReader.h"
 #include "sf/QxsfWire.h"
 
 // The client's record of one listed file.
@@ -38,7 +39,7 @@ struct _TaskFileInfo2 {
 
 typedef std::map<std::string, std::map<std::string, COrvexWiraInstrumentField>> QxsfContractMap;
 
-class CQXSFThread {
+class CQXSFThread : private IQxsfPackageSink {
 public:
     CQXSFThread(const char* logDirectory, _QryInstrumentInfo* query, std::vector<std::string> markets);
     // Stops a running worker (it leaves its loop at the next turn) and joins it.
@@ -96,15 +97,34 @@ public:
     void UpLoadMarket();
     bool UploadMarketList();
     void Exit();
+    // Receives into the package reader: the bytes received, 0 when the
+    // server closed, -1 on an error.
     int ReadData();
     bool SendRequest(_MainPkgHead head, unsigned char* body, int length, int reserved);
+    // Hands every whole package received to its handler; false when the
+    // worker has failed (the caller has been told).
     bool CheckRequest();
+    // Takes bytes as if received and handles the whole packages, as
+    // ReadData and CheckRequest do; for tests and fuzzers that feed bytes
+    // without a server.
+    bool OnReceived(const char* data, size_t length);
     bool ProcessMktFileList(char* body, int length);
     void CheckMktFileList();
     bool DownloadFile();
     bool ProcessMktFile(int handle, char* body, int length);
 
+    // ---- for tests only ----
+    // Makes fd the connected socket, as a successful connect would.
+    void AttachSocketForTest(int fd) { m_hSocket = fd; }
+    // Records that the file was asked for under this handle.
+    void ExpectFileForTest(unsigned short handle, const _TaskFileInfo2& file) { m_mapRequested[handle] = file; }
+    // The worker's log ("<log dir>qxsf_YYYYMMDD.log") on or off.
+    void SetLogForTest(bool on) { m_bLog = on; }
+
 private:
+    bool OnPackage(const _MainPkgHead& head, char* body, int length) override;
+    // Tells the caller of a reader failure; false unless the cut went well.
+    bool Reported(CQxsfReader::Result result);
     static void* ThreadFunc(void* arg);
     void MarkFrontUnusable(int index);
     void ReportFile(int code, const char* format, const std::string& path);
@@ -112,7 +132,7 @@ private:
     // Everything is fetched: no file queued and none requested.
     void UpdateOver();
 
-    enum { RECV_SIZE = 16384, BODY_SIZE = 8192, SEND_SIZE = 4096 };
+    enum { SEND_SIZE = 4096 };
 
     char m_szLogDir[260];
     std::atomic<bool> m_bRunning;
@@ -123,9 +143,7 @@ private:
     uint32_t m_nLastLoginTick;
     bool m_bLog;
     int m_nLastError;
-    char m_RecvBuf[RECV_SIZE];
-    int m_nRecvLen;
-    char m_BodyBuf[BODY_SIZE];
+    CQxsfReader m_reader;
     char m_SendBuf[SEND_SIZE];
     std::string m_strLoginFile;
     std::string m_strCacheIndex;
@@ -151,6 +169,7 @@ private:
     std::mutex m_FilesLock;                                  // guards the two maps above
 
     bool m_bStarted;                                         // Init ran once; a worker never restarts
+    long long m_nMaxFileSize;                                // largest contract file accepted, bytes
     std::atomic<bool> m_bOver;
 
     static std::mutex s_FrontsLock;

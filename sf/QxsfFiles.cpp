@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,16 @@ namespace {
 
 const char* const kCacheDir = "./cache/";
 const int kPiece = 4096;
+
+// A cache file, closed by its owner on every path.
+struct FileCloser {
+    void operator()(FILE* f) const {
+        if (f) std::fclose(f);
+    }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+File Open(const std::string& path, const char* mode) { return File(std::fopen(path.c_str(), mode)); }
 
 // Splits a name as "%[^_]_%[^_]_%d.json" does; returns the number of parts
 // converted (the ".json" tail itself is not checked, as with sscanf).
@@ -180,15 +191,13 @@ void CQXSFThread::CheckMktFileList() {
         if (known != m_mapKnownFiles.end()) {
             upToDate = SameRecord(known->second, record);
         } else {
-            FILE* f = std::fopen((kCacheDir + name).c_str(), "rb");
-            if (f != nullptr) {
-                std::fseek(f, 0, SEEK_END);
-                long fileSize = std::ftell(f);
-                std::fseek(f, 0, SEEK_SET);
+            if (File f = Open(kCacheDir + name, "rb")) {
+                std::fseek(f.get(), 0, SEEK_END);
+                long fileSize = std::ftell(f.get());
+                std::fseek(f.get(), 0, SEEK_SET);
                 UPDFILETIME cached = GetFileTime(GetMkt(name.c_str()).c_str());
                 unsigned char digest[16];
-                DigestFile(f, fileSize, digest);
-                std::fclose(f);
+                DigestFile(f.get(), fileSize, digest);
                 upToDate = fileSize == record.FileSize &&
                            std::memcmp(&cached, &record.FileTime, sizeof(UPDFILETIME)) == 0 &&
                            std::memcmp(digest, record.Md5, sizeof(digest)) == 0;
@@ -262,71 +271,63 @@ bool CQXSFThread::ProcessMktFile(int handle, char* body, int length) {
 
     switch (transfer.Part) {
         case QXSF_PART_INFO: {
-            std::remove(path.c_str());
-            FILE* f = std::fopen(path.c_str(), "wb+");
-            if (f == nullptr) {
-                ReportFile(65535, "Client QXSF create file\xA3\xBA%s failed.", path);
-                return false;
-            }
             _FileTransferInfo info{};
             if (restLength < size(info)) {
-                std::fclose(f);
                 ReportFile(8195, kShortPart, path);
                 return false;
             }
             from_stream(info, rest, restLength);
             if (info.FileSize < 0 || info.StartPos < 0) {
-                std::fclose(f);
                 ReportFile(8195, kShortPart, path);
                 return false;
             }
-            std::fseek(f, 0, SEEK_END);
-            long current = std::ftell(f);
-            if (current != info.FileSize) {
-                if (info.FileSize < current) {
-                    std::fclose(f);
-                    f = std::fopen(path.c_str(), "w+b");
-                    if (f == nullptr) {
-                        ReportFile(65535, "Client QXSF open file\xA3\xBA%s failed.", path);
-                        return false;
-                    }
-                }
-                static const char zeros[kPiece] = {0};
-                long left = info.FileSize;
-                // A worker being released stops filling at once.
-                while (left > 0 && m_bRunning) {
-                    size_t piece = static_cast<size_t>(std::min<long>(left, kPiece));
-                    if (std::fwrite(zeros, 1, piece, f) != piece) break;
-                    left -= static_cast<long>(piece);
-                }
+            // The server decides how much is zero-filled: more than any
+            // contract file could need is refused before anything is written.
+            if (static_cast<long long>(info.FileSize) > m_nMaxFileSize) {
+                char text[512];
+                std::snprintf(text, sizeof(text), "Client QXSF file %s too large: %d bytes (limit %lld).",
+                              path.c_str(), info.FileSize, m_nMaxFileSize);
+                OnRspInstrument(8195, text, true);
+                DumpLog(text);
+                return false;
             }
-            std::fseek(f, info.StartPos, SEEK_SET);
-            std::fclose(f);
+            std::remove(path.c_str());
+            File f = Open(path, "wb+");
+            if (!f) {
+                ReportFile(65535, "Client QXSF create file\xA3\xBA%s failed.", path);
+                return false;
+            }
+            // The file was just made empty: fill it to its size.
+            static const char zeros[kPiece] = {0};
+            long left = info.FileSize;
+            // A worker being released stops filling at once.
+            while (left > 0 && m_bRunning) {
+                size_t piece = static_cast<size_t>(std::min<long>(left, kPiece));
+                if (std::fwrite(zeros, 1, piece, f.get()) != piece) break;
+                left -= static_cast<long>(piece);
+            }
             m_mapWriting[key] = requested->second;
             return true;
         }
         case QXSF_PART_BLOCK: {
-            FILE* f = std::fopen(path.c_str(), "rb+");
-            if (f == nullptr) {
+            File f = Open(path, "rb+");
+            if (!f) {
                 ReportFile(65535, "Client QXSF write file\xA3\xBA%s failed.", path);
                 return false;
             }
             _FileTransferBlock block{};
             if (restLength < size(block)) {
-                std::fclose(f);
                 ReportFile(8195, kShortPart, path);
                 return false;
             }
             from_stream(block, rest, restLength);
             if (block.Offset < 0) {
-                std::fclose(f);
                 ReportFile(8195, kShortPart, path);
                 return false;
             }
             int count = std::max<int>(0, std::min<int>(block.DataLength, QXSF_BLOCK_DATA));
-            std::fseek(f, block.Offset, SEEK_SET);
-            std::fwrite(block.Data, 1, static_cast<size_t>(count), f);
-            std::fclose(f);
+            std::fseek(f.get(), block.Offset, SEEK_SET);
+            std::fwrite(block.Data, 1, static_cast<size_t>(count), f.get());
             return true;
         }
         case QXSF_PART_END: {
@@ -335,22 +336,21 @@ bool CQXSFThread::ProcessMktFile(int handle, char* body, int length) {
                 OnRspInstrument(8195, "Client QXSF  loadfile end hanle not found!", true);
                 return false;
             }
-            FILE* f = std::fopen(path.c_str(), "rb");
-            if (f == nullptr) {
+            File f = Open(path, "rb");
+            if (!f) {
                 ReportFile(65535, "Client QXSF loadfile end open file\xA3\xBA%s failed.", path);
                 return false;
             }
             _FileTransferEnd end{};
             if (restLength < size(end)) {
-                std::fclose(f);
                 OnRspInstrument(8195, "Client QXSF pack error!", true);
                 return false;
             }
             from_stream(end, rest, restLength);
             _TaskFileInfo2 record = writing->second;
             unsigned char digest[16];
-            DigestFile(f, record.FileSize, digest);
-            std::fclose(f);
+            DigestFile(f.get(), record.FileSize, digest);
+            f.reset();
             if (std::memcmp(digest, record.Md5, sizeof(digest)) != 0) {
                 ReportFile(65535, "Client QXSF loadfile md5 error, load file\xA3\xBA%s failed.", path);
                 return false;

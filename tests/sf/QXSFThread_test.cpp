@@ -361,6 +361,24 @@ TEST_F(QxsfWorkerTest, WithoutFileFrontTheWorkerReportsAndEnds) {
     ExpectOnlyError(4099, "qxsf connected faild!");
 }
 
+TEST_F(QxsfWorkerTest, FileLargerThanTheLimitIsRefusedAndNothingIsWritten) {
+    RunAgainst(&ServerScript::onFileRequest, Misbehaviour::HugeFile, {File("shfe_base_1.json", "x")}, false);
+    ASSERT_EQ(1u, Answers().size());
+    EXPECT_EQ(8195, Answers()[0].info.ErrorID);
+    EXPECT_NE(std::string::npos, std::string(Answers()[0].info.ErrorMsg).find("too large")) << Answers()[0].info.ErrorMsg;
+    EXPECT_NE(0, access("cache/shfe_base_1.json", F_OK));
+
+    // The limit is a setting: a file of 100 bytes against a limit of 10.
+    ScopedTempDir::Write("OrvexWiraMdApi.def", "[config]\nmaxfilesize=10\n");
+    m_spi.instruments.clear();
+    CQXSFThread::ClearFronts();
+    RunAgainst(&ServerScript::onFileRequest, Misbehaviour::None, {File("shfe_base_1.json", std::string(100, 'y'))},
+               false);
+    ASSERT_EQ(1u, Answers().size());
+    EXPECT_NE(std::string::npos, std::string(Answers()[0].info.ErrorMsg).find("limit 10")) << Answers()[0].info.ErrorMsg;
+    EXPECT_NE(0, access("cache/shfe_base_1.json", F_OK));
+}
+
 TEST_F(QxsfWorkerTest, FrontWhoseHostDoesNotResolveIsAFailedAttempt) {
     // The server listens on the port the front names; a connect to the zero
     // address would reach it.

@@ -217,7 +217,7 @@ bool FakeFileServer::Answer(int fd, const Package& request) {
         info.TransferKind = 2;
         std::memcpy(info.FilePath, req.FilePath, sizeof(info.FilePath));
         std::memcpy(info.Md5, req.Md5, sizeof(info.Md5));
-        info.FileSize = static_cast<int>(data.size());
+        info.FileSize = act == Misbehaviour::HugeFile ? 0x7FFFFFFF : static_cast<int>(data.size());
         info.StartPos = 0;
         append(Pack(handle, QXSF_CMD_FILE, TransferInfoBody(info)));
         if (act == Misbehaviour::Stall) return SendAll(fd, out);

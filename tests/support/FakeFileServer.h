@@ -33,6 +33,7 @@ enum class Misbehaviour {
     Stall,            // file request: send the information part, then nothing
     Silent,           // do not answer at all
     OversizedBody,    // market list: a compressed answer inflating beyond 8192 bytes
+    HugeFile,         // file request: the information part announces 2 GiB - 1 bytes
 };
 
 struct ServedFile {
