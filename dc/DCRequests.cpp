@@ -215,11 +215,8 @@ void CDCThread::CheckQryInstrument() {
 bool CDCThread::HandOverQuery(const _QryInstrumentInfo& query, std::vector<std::string> markets,
                               COrvexWiraMdSpi* spi) {
     if (CQXSFThread::FrontCount() == 0) return false;
-    _QryInstrumentInfo copy = query;
-    CQXSFThread* worker = new CQXSFThread(m_szFlowPath, &copy, std::move(markets));
-    worker->RegisterSpi(spi);
-    worker->Init();
-    m_qxsfWorkers.push_back(worker);
+    m_qxsfWaiting.push_back({query, std::move(markets), spi});
+    CheckQXSF();
     return true;
 }
 
@@ -239,4 +236,11 @@ void CDCThread::CheckQXSF() {
         worker->Release();
         it = m_qxsfWorkers.erase(it);
     }
+    if (!m_qxsfWorkers.empty() || m_qxsfWaiting.empty()) return;
+    FileQuery next = std::move(m_qxsfWaiting.front());
+    m_qxsfWaiting.pop_front();
+    CQXSFThread* worker = new CQXSFThread(m_szFlowPath, &next.query, std::move(next.markets));
+    worker->RegisterSpi(next.spi);
+    worker->Init();
+    m_qxsfWorkers.push_back(worker);
 }

@@ -26,6 +26,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -127,6 +128,8 @@ public:
     void AttachSocketForTest(int fd);
     // File-service workers still running or not yet collected.
     size_t FileWorkersForTest() const { return m_qxsfWorkers.size(); }
+    // Queries waiting for the file service.
+    size_t FileQueriesWaitingForTest() const { return m_qxsfWaiting.size(); }
     CMdEngine& EngineForTest() { return m_engine; }
 
 private:
@@ -155,8 +158,9 @@ private:
     // Reports a loss outside every lock.
     void ReportLost(int reason);
     void CheckQryInstrument();
-    // Collects finished file-service workers; their answers go to the
-    // engine.
+    // Collects finished file-service workers (their answers go to the
+    // engine), then starts the next waiting query when none is running:
+    // the workers share ./cache/, so they take turns on it.
     void CheckQXSF();
     // Wakes the worker's wait: written when the caller queues work, when a
     // reset closes the socket and when the object is released, so that the
@@ -201,6 +205,12 @@ private:
     std::vector<std::string> m_unsubQueue;
 
     std::vector<CQXSFThread*> m_qxsfWorkers;   // owned; DC worker only
+    struct FileQuery {
+        _QryInstrumentInfo query;
+        std::vector<std::string> markets;
+        COrvexWiraMdSpi* spi;
+    };
+    std::deque<FileQuery> m_qxsfWaiting;        // DC worker only
     int m_wakeFd = -1;
 
     // Declared last: it reads the settings above when it is built and is

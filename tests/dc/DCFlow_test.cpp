@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cfloat>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -122,9 +123,11 @@ protected:
     }
     // Starts with a file front that serves one SHFE contract file.
     void StartWithContractFile(qxsfsim::FakeFileServer& files, const std::string& content,
-                               qxsfsim::Misbehaviour onFileRequest = qxsfsim::Misbehaviour::None) {
+                               qxsfsim::Misbehaviour onFileRequest = qxsfsim::Misbehaviour::None,
+                               bool splitSends = false) {
         qxsfsim::ServerScript script;
         script.onFileRequest = onFileRequest;
+        script.splitSends = splitSends;
         files.SetScript(script);
         files.AddFile({"shfe_base_1.json", content, {11, 22}, false, {}});
         ASSERT_TRUE(files.Start());
@@ -352,10 +355,32 @@ TEST_F(DCFlow, QueryWithAFileFrontMergesContractFieldsIntoTheModelsAnswer) {
     EXPECT_EQ(std::make_pair(5, 0.5), std::make_pair(cu.VolumeMultiple, cu.Number13));
 }
 
+TEST_F(DCFlow, ConcurrentFileQueriesBothAnswerWithContractFields) {
+    qxsfsim::FakeFileServer files;
+    // Answers in two pieces a moment apart: downloads take a while, so
+    // queries made together overlap.
+    ASSERT_NO_FATAL_FAILURE(StartWithContractFile(
+        files, "{\"ContractData\":[{\"2\":\"cu2405\",\"4\":20240115,\"13\":0.5}" + std::string(20000, ' ') + "]}",
+        qxsfsim::Misbehaviour::None, true));
+    ASSERT_TRUE(spi.WaitFor("depth:m2409"));
+    for (int id : {41, 42, 43}) AskExchange("SHFE", id);
+    ASSERT_TRUE(WaitUntil([&] { return spi.Copy(spi.instruments).size() == 6; }, 15000));
+    std::vector<std::string> answered = Answered();
+    std::sort(answered.begin(), answered.end());
+    EXPECT_EQ(answered, (std::vector<std::string>{"41:al2405", "41:cu2405!", "42:al2405", "42:cu2405!", "43:al2405",
+                                                  "43:cu2405!"}));
+    for (const InstrumentAnswer& a : spi.Copy(spi.instruments)) {
+        if (std::string(a.rec.InstrumentID) != "cu2405") continue;
+        EXPECT_EQ(Texts({a.rec.Text4}), (std::vector<std::string>{"20240115"})) << a.requestId;
+        EXPECT_EQ(0.5, a.rec.Number13) << a.requestId;
+    }
+}
+
 TEST_F(DCFlow, ReleaseDuringADownloadIsPromptAndClean) {
     qxsfsim::FakeFileServer files;
     ASSERT_NO_FATAL_FAILURE(StartWithContractFile(files, std::string(10000, ' '), qxsfsim::Misbehaviour::Stall));
     AskExchange("", 32);
+    AskExchange("SHFE", 33);
     ASSERT_TRUE(files.WaitFor(
         [](const std::vector<qxsfsim::Package>& got) {
             for (const auto& p : got)
@@ -363,6 +388,10 @@ TEST_F(DCFlow, ReleaseDuringADownloadIsPromptAndClean) {
             return false;
         },
         5000));
+    // The workers take turns on the cache: the second query waits while the
+    // first one's download stalls.
+    usleep(300 * 1000);
+    EXPECT_EQ(1, files.Connections());
     auto t0 = std::chrono::steady_clock::now();
     api->Release();
     api = nullptr;
