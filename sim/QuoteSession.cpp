@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "protocol/DcFrames.h"
+#include "protocol/PackageBodies.h"
 #include "protocol/QuoteBodies.h"
 
 namespace qxsim {
@@ -277,7 +278,37 @@ void QuoteSession::OnMarketEvents(const std::vector<MarketEvent>& events) {
             PushRow(e.index, e.maskA, e.maskB);
         }
     }
+    if (m_options.indexEvery > 0 && m_rowsSinceIndex >= static_cast<uint64_t>(m_options.indexEvery)) {
+        m_rowsSinceIndex = 0;
+        PushIndexPackages();
+    }
     FlushDyna();
+}
+
+void QuoteSession::PushIndexPackages() {
+    const std::vector<Instrument>& all = m_market.Instruments();
+    for (const MarketInfo& m : m_market.Markets()) {
+        if (m.instruments.empty()) continue;
+        double ratio = 0;
+        int counted = 0;
+        uint32_t latest = 0;
+        std::vector<std::pair<std::string, int32_t>> top;
+        for (int index : m.instruments) {
+            const QuoteState& q = all[index].quote;
+            if (q.preClose > 0 && q.last > 0) {
+                ratio += static_cast<double>(q.last) / static_cast<double>(q.preClose);
+                ++counted;
+            }
+            if (q.time > latest) latest = q.time;
+            top.emplace_back(all[index].code, static_cast<int32_t>(q.volume));
+        }
+        std::stable_sort(top.begin(), top.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+        if (top.size() > 3) top.resize(3);
+        const int32_t value = counted > 0 ? static_cast<int32_t>(100000.0 * ratio / counted + 0.5) : 100000;
+        AddDyna(DynaTemplateRecord(++m_sequence, 0,
+                                   ExchangeIndexBody(m.id, value, static_cast<int32_t>(latest / 1000), counted, top)));
+        ++m_stats.templatePackages;
+    }
 }
 
 void QuoteSession::PushRow(int index, uint32_t maskA, uint32_t maskB) {
@@ -305,6 +336,7 @@ void QuoteSession::PushRow(int index, uint32_t maskA, uint32_t maskB) {
     }
     AddDyna(DynaPushRecord(++m_sequence, row));
     ++m_stats.pushedRows;
+    ++m_rowsSinceIndex;
 }
 
 void QuoteSession::AddDyna(const std::string& record) {

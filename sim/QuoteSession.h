@@ -8,7 +8,8 @@
 //    2  market status        -> market status rows, a few per packet
 //    1  name table           -> each market's name rows, split over packets
 //    3  quotation            -> snapshot rows of every market, split over packets
-//  100  dynamic information  -> from then on: status records and pushed rows (101)
+//  100  dynamic information  -> from then on: status records, pushed rows and
+//                                 template packages of the sample templates (101)
 //    0  heartbeat            -> nothing
 //
 // A pushed row carries the fields that changed, except right after the
@@ -38,6 +39,7 @@ struct QuoteOptions {
     int statusRows = 2;         // rows per market status packet
     int nameRows = 40;          // rows per name table packet (at most 48)
     int quoteRows = 12;         // rows per quotation packet (at most 15)
+    int indexEvery = 200;       // an index package per market every this many pushed rows (0: none)
 };
 
 struct QuoteSessionStats {
@@ -46,6 +48,7 @@ struct QuoteSessionStats {
     int requests = 0;
     uint64_t pushedRows = 0;
     uint64_t statusRecords = 0;
+    uint64_t templatePackages = 0;
     uint64_t framesOut = 0;
 };
 
@@ -77,6 +80,8 @@ private:
     void AddDyna(const std::string& record);
     void FlushDyna();
     void PushRow(int index, uint32_t maskA, uint32_t maskB);
+    // One ExchangeIndex package per market that has instruments.
+    void PushIndexPackages();
     void Log(const std::string& text) const;
 
     const Market& m_market;
@@ -91,6 +96,7 @@ private:
     bool m_subscribed = false;
     std::string m_user;
     std::vector<bool> m_needFull;
+    uint64_t m_rowsSinceIndex = 0;
     QuoteSessionStats m_stats;
 };
 

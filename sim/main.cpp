@@ -14,6 +14,7 @@
 #include "Market.h"
 #include "MarketRecord.h"
 #include "Server.h"
+#include "protocol/SampleTemplates.h"
 
 using namespace qxsim;
 
@@ -52,6 +53,9 @@ void Usage(FILE* out) {
         "                        keeps only the files of the last page it receives\n"
         "  --quote-rows N        snapshot rows per packet (12, at most 15)\n"
         "  --no-compress         never deflate answers\n"
+        "  --index-every N       an ExchangeIndex template package per market every N pushed rows\n"
+        "                        (200; 0: none)\n"
+        "  --write-templates FILE  write the templates of those packages (a qxdctrans.xml) and exit\n"
         "  --record FILE         record the market's changes into FILE\n"
         "  --replay FILE         replay a recording instead of simulating\n"
         "  --quiet               log nothing but errors\n"
@@ -149,6 +153,16 @@ int main(int argc, char** argv) {
             server.file.pageSize = static_cast<int>(number("--page-size", 0, 50));
         } else if (arg == "--quote-rows") {
             server.quote.quoteRows = static_cast<int>(number("--quote-rows", 1, 15));
+        } else if (arg == "--index-every") {
+            server.quote.indexEvery = static_cast<int>(number("--index-every", 0, 1000000000));
+        } else if (arg == "--write-templates") {
+            const std::string path = value("--write-templates");
+            FILE* f = std::fopen(path.c_str(), "w");
+            if (!f || std::fputs(SampleTemplates(), f) < 0 || std::fclose(f) != 0) {
+                std::fprintf(stderr, "qxdc-sim: cannot write %s\n", path.c_str());
+                return 1;
+            }
+            return 0;
         } else if (arg == "--no-compress") {
             server.quote.compress = false;
             server.file.compress = false;

@@ -3,6 +3,7 @@
 // read field by field.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -12,7 +13,10 @@
 #include "Market.h"
 #include "SimClock.h"
 #include "QuoteSession.h"
+#include "codec/DataPackage.h"
+#include "codec/PackageRecord.h"
 #include "protocol/DcFrames.h"
+#include "protocol/SampleTemplates.h"
 #include "protocol/QxsfServerCodec.h"
 
 using namespace qxsim;
@@ -202,7 +206,7 @@ TEST_F(QuoteSessionTest, PushesStartAfterTheSubscriptionFirstInFullThenChanges) 
     Exchange(s, 3, MarketRequest(0, 6));
 
     uint32_t lastSequence = 0;
-    size_t pushed = 0, full = 0;
+    size_t pushed = 0, full = 0, packages = 0;
     for (int step = 2; step < 50; ++step) {
         s.OnMarketEvents(market.Step(Morning() + step * 20));
         std::string out = s.TakeOutput();
@@ -212,8 +216,13 @@ TEST_F(QuoteSessionTest, PushesStartAfterTheSubscriptionFirstInFullThenChanges) 
                 const uint32_t sequence = Rd<uint32_t>(f.body, pos);
                 EXPECT_EQ(lastSequence + 1, sequence);
                 lastSequence = sequence;
-                EXPECT_EQ(1, Rd<uint8_t>(f.body, pos + 4));
                 const uint16_t length = Rd<uint16_t>(f.body, pos + 5);
+                if (Rd<uint8_t>(f.body, pos + 4) == 2) {   // the index packages among them
+                    ++packages;
+                    pos += 7u + length;
+                    continue;
+                }
+                EXPECT_EQ(1, Rd<uint8_t>(f.body, pos + 4));
                 const std::string row = f.body.substr(pos + 7, length);
                 ASSERT_GE(row.size(), 39u);
                 const std::string code(row.data() + 10, strnlen(row.data() + 10, 21));
@@ -226,6 +235,68 @@ TEST_F(QuoteSessionTest, PushesStartAfterTheSubscriptionFirstInFullThenChanges) 
     }
     EXPECT_GT(pushed, 200u);
     EXPECT_LT(full, pushed / 4);
+    // One package per market, after each batch of events that brought the
+    // rows since the last ones to 200.
+    EXPECT_EQ(packages % 4, 0u);
+    EXPECT_GE(packages, 4u);
+    EXPECT_LE(packages, 4 * (pushed / 200));
+}
+
+// The index packages decode with the sample templates into the records an
+// application receives.
+TEST_F(QuoteSessionTest, IndexPackagesDecodeWithTheSampleTemplates) {
+    const std::string path = "sample-templates.xml";
+    FILE* f = std::fopen(path.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs(SampleTemplates(), f);
+    std::fclose(f);
+    ASSERT_TRUE(LoadPackageTemplate(path.c_str()));
+    std::remove(path.c_str());
+    const CQxDataPackage* tmpl = FindPackageTemplate(kExchangeIndexPackage);
+    ASSERT_NE(tmpl, nullptr);
+    ASSERT_EQ(tmpl->size, 100);
+
+    QuoteOptions options;
+    options.indexEvery = 50;
+    QuoteSession session(market, options);
+    Login(session);
+    std::string sub(4, '\xff');
+    Exchange(session, 100, sub);
+    std::vector<std::string> records;
+    for (int step = 2; step < 30 && records.size() < 8; ++step) {
+        session.OnMarketEvents(market.Step(Morning() + step * 20));
+        std::string out = session.TakeOutput();
+        for (const DcFrame& frame : CutDcFrames(out)) {
+            for (size_t pos = 0; pos + 7 <= frame.body.size();) {
+                const uint16_t length = Rd<uint16_t>(frame.body, pos + 5);
+                if (Rd<uint8_t>(frame.body, pos + 4) == 2) {
+                    EXPECT_EQ(Rd<uint16_t>(frame.body, pos + 7), 0);   // the leading value
+                    const std::string package = frame.body.substr(pos + 9, length - 2u);
+                    std::vector<char> record;
+                    auto name = [](void*, int id, char* out9) { std::snprintf(out9, 9, "M%d", id); };
+                    EXPECT_TRUE(BuildPackageRecord(*tmpl, package.data(), static_cast<int>(package.size()), &record,
+                                                   name, nullptr));
+                    records.emplace_back(record.begin(), record.end());
+                }
+                pos += 7u + length;
+            }
+        }
+    }
+    ASSERT_EQ(records.size(), 8u);   // two rounds of the four markets
+    std::set<std::string> markets;
+    for (const std::string& r : records) {
+        markets.insert(r.c_str());
+        const double index = Rd<double>(r, 9);
+        EXPECT_GT(index, 90000.0);
+        EXPECT_LT(index, 110000.0);
+        EXPECT_GT(Rd<int32_t>(r, 17), 90000);   // HHMMSS of the morning
+        EXPECT_GT(Rd<int32_t>(r, 21), 0);
+        // The top rows: codes of the market, volumes in descending order.
+        EXPECT_GE(market.FindInstrument(std::string(r.c_str() + 25)), 0);
+        EXPECT_GE(Rd<int32_t>(r, 25 + 21), Rd<int32_t>(r, 50 + 21));
+        EXPECT_GE(Rd<int32_t>(r, 50 + 21), Rd<int32_t>(r, 75 + 21));
+    }
+    EXPECT_EQ(markets, (std::set<std::string>{"M2001", "M2101", "M2201", "M2301"}));
 }
 
 TEST_F(QuoteSessionTest, ANameTableOfOneMarketIsFollowedByItsQuotesInFull) {
