@@ -316,13 +316,228 @@ std::string Clock() {
     return text;
 }
 
+
+// ---------------------------------------------------------------------------
+// Template packages
+// ---------------------------------------------------------------------------
+
+// The layout of the records OnTemplateData hands over, read from the same
+// ./qxdctrans.xml the library reads: each field in its slot, with no
+// padding. Slot sizes: int8 1, int16 2, int32 4, float 4, double 8, text
+// maxlen + 1 (maxlen 64 when absent), a price 8 (a double), a field with
+// id 11 9 (a text); an array reserves maxsize rows (10 when absent).
+struct TemplateField {
+    enum Type { Int8, Int16, Int32, Float, Double, Text } type = Int32;
+    std::string name;
+    int id = 0;
+    bool price = false;
+    int offset = 0;   // in the record, or in one row for an array field
+    int size = 0;
+};
+
+struct TemplateItem {
+    bool array = false;
+    std::string name;                  // of an array (its name attribute), for the output
+    TemplateField field;               // single field
+    std::vector<TemplateField> row;    // array row
+    int offset = 0, rows = 0, rowSize = 0;
+};
+
+struct TemplateLayout {
+    std::string name;
+    int size = 0;
+    std::vector<TemplateItem> items;
+};
+
+// A minimal reader of that file: elements and their attributes, comments
+// skipped; enough for a template file, not a general XML parser.
+class TemplateFile {
+public:
+    bool Load(const std::string& path) {
+        std::ifstream in(path);
+        if (!in) return false;
+        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        TemplateLayout* package = nullptr;
+        TemplateItem* array = nullptr;
+        int offset = 0;
+        for (size_t pos = text.find('<'); pos != std::string::npos; pos = text.find('<', pos + 1)) {
+            if (text.compare(pos, 4, "<!--") == 0) {
+                pos = text.find("-->", pos);
+                if (pos == std::string::npos) break;
+                continue;
+            }
+            const size_t end = text.find('>', pos);
+            if (end == std::string::npos) break;
+            std::string tag = text.substr(pos + 1, end - pos - 1);
+            const bool closing = !tag.empty() && tag[0] == '/';
+            const bool selfClosing = !tag.empty() && tag.back() == '/';
+            if (selfClosing) tag.pop_back();
+            std::map<std::string, std::string> attrs;
+            const std::string name = Parse(closing ? tag.substr(1) : tag, &attrs);
+            if (name.empty() || name[0] == '?' || name[0] == '!') continue;
+            if (closing) {
+                if (name == "array" && array && package) {
+                    offset += array->rows * array->rowSize;
+                    array = nullptr;
+                } else if (name == "qxpacket" && package) {
+                    package->size = offset;
+                    package = nullptr;
+                }
+                continue;
+            }
+            if (name == "qxpackets") continue;
+            if (name == "qxpacket") {
+                const int id = std::atoi(attrs["id"].c_str());
+                // The first template of an id is the one used.
+                package = m_packages.count(id) ? nullptr : &m_packages[id];
+                if (package) package->name = attrs["name"];
+                offset = 0;
+                if (selfClosing && package) package = nullptr;
+                continue;
+            }
+            if (!package) continue;
+            if (name == "array") {
+                package->items.emplace_back();
+                array = &package->items.back();
+                array->array = true;
+                array->offset = offset;
+                array->name = attrs.count("name") ? attrs["name"] : "rows";
+                array->rows = attrs.count("maxsize") && !attrs["maxsize"].empty() ? std::atoi(attrs["maxsize"].c_str()) : 10;
+                if (selfClosing) array = nullptr;
+                continue;
+            }
+            TemplateField f = Field(name, attrs);
+            if (array) {
+                f.offset = array->rowSize;
+                array->rowSize += f.size;
+                array->row.push_back(f);
+            } else {
+                TemplateItem item;
+                f.offset = offset;
+                offset += f.size;
+                item.field = f;
+                package->items.push_back(item);
+            }
+        }
+        return !m_packages.empty();
+    }
+
+    const TemplateLayout* Find(int id) const {
+        auto it = m_packages.find(id);
+        return it == m_packages.end() ? nullptr : &it->second;
+    }
+
+private:
+    static std::string Parse(const std::string& tag, std::map<std::string, std::string>* attrs) {
+        size_t i = 0;
+        while (i < tag.size() && !std::isspace(static_cast<unsigned char>(tag[i]))) ++i;
+        const std::string name = tag.substr(0, i);
+        while (i < tag.size()) {
+            while (i < tag.size() && std::isspace(static_cast<unsigned char>(tag[i]))) ++i;
+            const size_t eq = tag.find('=', i);
+            if (eq == std::string::npos) break;
+            const std::string key = tag.substr(i, eq - i);
+            const size_t open = tag.find_first_of("\"'", eq);
+            if (open == std::string::npos) break;
+            const size_t close = tag.find(tag[open], open + 1);
+            if (close == std::string::npos) break;
+            (*attrs)[key] = tag.substr(open + 1, close - open - 1);
+            i = close + 1;
+        }
+        return name;
+    }
+
+    static TemplateField Field(const std::string& tag, std::map<std::string, std::string>& attrs) {
+        TemplateField f;
+        f.name = attrs["name"];
+        f.id = std::atoi(attrs["id"].c_str()) & 0xFFFF;
+        static const std::map<std::string, std::pair<TemplateField::Type, int>> numbers = {
+            {"int8", {TemplateField::Int8, 1}},   {"int16", {TemplateField::Int16, 2}},
+            {"int32", {TemplateField::Int32, 4}}, {"float", {TemplateField::Float, 4}},
+            {"double", {TemplateField::Double, 8}}};
+        auto n = numbers.find(tag);
+        if (n != numbers.end()) {
+            f.type = n->second.first;
+            f.size = n->second.second;
+        } else {
+            f.type = TemplateField::Text;
+            const int maxlen = attrs.count("maxlen") && !attrs["maxlen"].empty() ? std::atoi(attrs["maxlen"].c_str()) : 64;
+            f.size = maxlen + 1;
+        }
+        if (attrs["price"] == "1") {
+            f.price = true;
+            f.size = 8;
+        }
+        if (f.id == 11) f.size = 9;
+        return f;
+    }
+
+    std::map<int, TemplateLayout> m_packages;
+};
+
+// One value of a record as JSON (null for a missing value).
+std::string TemplateValue(const TemplateField& f, const char* slot) {
+    auto number = [&](auto v) {
+        std::memcpy(&v, slot, sizeof v);
+        return v;
+    };
+    if (f.id == 11) return JsonString(FromGbk(slot, 8));
+    if (f.price) {
+        const double v = number(0.0);
+        return v == DBL_MAX ? "null" : Price(v);
+    }
+    char text[64];
+    switch (f.type) {
+        case TemplateField::Int8: return std::to_string(static_cast<int>(number(static_cast<signed char>(0))));
+        case TemplateField::Int16: return std::to_string(number(static_cast<int16_t>(0)));
+        case TemplateField::Int32: {
+            const int32_t v = number(static_cast<int32_t>(0));
+            return v == 0x7FFFFFFF ? "null" : std::to_string(v);
+        }
+        case TemplateField::Float:
+            std::snprintf(text, sizeof(text), "%.9g", static_cast<double>(number(0.0f)));
+            return text;
+        case TemplateField::Double: {
+            const double v = number(0.0);
+            if (v == DBL_MAX) return "null";
+            std::snprintf(text, sizeof(text), "%.17g", v);
+            return text;
+        }
+        case TemplateField::Text: return JsonString(FromGbk(slot, static_cast<size_t>(f.size)));
+    }
+    return "null";
+}
+
+// The record as the members of a JSON object: "Name":value, arrays as lists
+// of row objects.
+std::string TemplateFields(const TemplateLayout& t, const char* record) {
+    std::string out;
+    auto add = [&](const std::string& s) { out += (out.empty() ? "" : ",") + s; };
+    for (const TemplateItem& item : t.items) {
+        if (!item.array) {
+            add(JsonString(item.field.name) + ":" + TemplateValue(item.field, record + item.field.offset));
+            continue;
+        }
+        std::string rows;
+        for (int r = 0; r < item.rows; ++r) {
+            std::string row;
+            for (const TemplateField& f : item.row)
+                row += (row.empty() ? "" : ",") + JsonString(f.name) + ":" +
+                       TemplateValue(f, record + item.offset + r * item.rowSize + f.offset);
+            rows += (rows.empty() ? "" : ",") + ("{" + row + "}");
+        }
+        add(JsonString(item.name) + ":[" + rows + "]");
+    }
+    return out;
+}
+
 // ---------------------------------------------------------------------------
 // The callback object
 // ---------------------------------------------------------------------------
 
 // What the callbacks hand over to the main thread.
 struct Event {
-    enum Kind { Linked, Lost, Login, Status, Depth, Instrument, InstrumentError };
+    enum Kind { Linked, Lost, Login, Status, Depth, Instrument, InstrumentError, Template };
     explicit Event(Kind k) : kind(k) {
         std::memset(&depth, 0, sizeof(depth));
         std::memset(&instrument, 0, sizeof(instrument));
@@ -339,7 +554,8 @@ struct Event {
 
 class ConsoleSpi : public COrvexWiraMdSpi {
 public:
-    ConsoleSpi(COrvexWiraMdApi* api, const Options& options) : m_api(api), m_options(options) {}
+    ConsoleSpi(COrvexWiraMdApi* api, const Options& options, const TemplateFile& templates)
+        : m_api(api), m_options(options), m_templates(templates) {}
 
     // A TCP connection to a quote front is up: log in. The library sends the
     // login itself; the answer comes as OnLoginAnswer.
@@ -413,6 +629,18 @@ public:
         Push(e);
     }
 
+    // A template package as the record its template lays out; kept as many
+    // bytes as the template file says it has (nothing when this console has
+    // no layout for it).
+    void OnTemplateData(unsigned short packageId, void* data) override {
+        const TemplateLayout* t = m_templates.Find(packageId);
+        if (!t || !data) return;
+        Event e(Event::Template);
+        e.code = packageId;
+        e.text.assign(static_cast<const char*>(data), static_cast<size_t>(t->size));
+        Push(e);
+    }
+
     // The main thread takes everything that arrived since its last call.
     std::deque<Event> Take() {
         std::deque<Event> out;
@@ -430,6 +658,7 @@ private:
 
     COrvexWiraMdApi* m_api;
     const Options& m_options;
+    const TemplateFile& m_templates;
     std::mutex m_lock;
     std::deque<Event> m_events;
     std::atomic<int> m_requestId{0};
@@ -449,7 +678,8 @@ struct QueryAnswer {
 
 class Console {
 public:
-    Console(const Options& o, FILE* out) : m_options(o), m_out(out), m_tty(isatty(fileno(out)) != 0) {
+    Console(const Options& o, FILE* out, const TemplateFile& templates)
+        : m_options(o), m_out(out), m_tty(isatty(fileno(out)) != 0), m_templates(templates) {
         if (o.format == Format::Csv)
             std::fprintf(m_out, "instrument,exchange,trading_day,update_time,last,bid1,bid_volume1,ask1,ask_volume1,"
                         "volume,turnover,open_interest,upper_limit,lower_limit\n");
@@ -491,6 +721,9 @@ public:
             case Event::InstrumentError:
                 Instrument(e);
                 break;
+            case Event::Template:
+                Template(e);
+                break;
         }
     }
 
@@ -512,10 +745,11 @@ public:
             instruments += kv.second.instruments.size();
         }
         std::fprintf(m_options.format == Format::Table ? m_out : stderr,
-                     "md-console: %llu depth records for %zu instruments, %d status reports, %zu of %zu queries "
-                     "answered (%zu instruments), %d disconnects\n",
-                     static_cast<unsigned long long>(m_depthCount), m_rows.size(), m_statusChanges, answered,
-                     m_options.queries.size(), instruments, m_lost);
+                     "md-console: %llu depth records for %zu instruments, %d status reports, %llu template "
+                     "records, %zu of %zu queries answered (%zu instruments), %d disconnects\n",
+                     static_cast<unsigned long long>(m_depthCount), m_rows.size(), m_statusChanges,
+                     static_cast<unsigned long long>(m_templateCount), answered, m_options.queries.size(), instruments,
+                     m_lost);
     }
 
     bool Satisfied() const {
@@ -654,6 +888,24 @@ private:
         if (q.instruments.size() > shown) Note("  ... " + std::to_string(q.instruments.size() - shown) + " more", "", "");
     }
 
+    // JSON: one line per record. Table: the latest record of each package
+    // and first field (an index per market, say), one line each.
+    void Template(const Event& e) {
+        const TemplateLayout* t = m_templates.Find(e.code);
+        if (!t) return;
+        ++m_templateCount;
+        const std::string fields = TemplateFields(*t, e.text.data());
+        if (m_options.format == Format::Json) {
+            std::fprintf(m_out, "{\"type\":\"template\",\"package\":%d,\"name\":%s%s%s}\n", e.code,
+                         JsonString(t->name).c_str(), fields.empty() ? "" : ",", fields.c_str());
+            return;
+        }
+        std::string key = std::to_string(e.code);
+        if (!t->items.empty() && !t->items[0].array)
+            key += " " + TemplateValue(t->items[0].field, e.text.data() + t->items[0].field.offset);
+        m_templateLines[key] = std::to_string(e.code) + " " + t->name + " " + fields;
+    }
+
     std::vector<const Row*> Selected(size_t limit) const {
         std::vector<const Row*> rows;
         for (const auto& kv : m_rows) rows.push_back(&kv.second);
@@ -701,6 +953,7 @@ private:
                   std::to_string(m_depthCount) + "  instruments " + std::to_string(m_rows.size()) + "\n";
         screen += StatusLine() + "\n\n" + Header() + "\n";
         for (const Row* r : Selected(limit)) screen += Line(*r) + "\n";
+        for (const auto& kv : m_templateLines) screen += kv.second.substr(0, 160) + "\n";
         screen += "\n";
         for (const std::string& n : m_notes) screen += n + "\n";
         std::fputs(screen.c_str(), m_out);
@@ -714,6 +967,7 @@ private:
         if (m_rows.empty()) return;
         std::fprintf(m_out, "%s\n", Header().c_str());
         for (const Row* r : Selected(limit)) std::fprintf(m_out, "%s\n", Line(*r).c_str());
+        for (const auto& kv : m_templateLines) std::fprintf(m_out, "%s\n", kv.second.c_str());
         std::fflush(m_out);
     }
 
@@ -724,6 +978,9 @@ private:
     std::map<std::string, std::string> m_status;
     std::map<int, QueryAnswer> m_queries;
     std::deque<std::string> m_notes;
+    const TemplateFile& m_templates;
+    std::map<std::string, std::string> m_templateLines;
+    uint64_t m_templateCount = 0;
     uint64_t m_depthCount = 0;
     int m_statusChanges = 0;
     int m_logins = 0;
@@ -774,6 +1031,10 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
+    // The layouts of template records, from the file the library reads too.
+    TemplateFile templates;
+    templates.Load("./qxdctrans.xml");
+
     // 1. The API object. The last flag delivers snapshot quotes (and the
     //    current quote of a new subscription) through OnDepthMarketData too.
     COrvexWiraMdApi* api = CreateWiraMdApi(options.flow.c_str(), false, false, true);
@@ -783,7 +1044,7 @@ int main(int argc, char** argv) {
     }
 
     // 2. Callbacks and fronts; fronts are taken only before Init.
-    ConsoleSpi spi(api, options);
+    ConsoleSpi spi(api, options, templates);
     api->RegisterSpi(&spi);
     for (std::string& front : options.fronts) api->RegisterFront(&front[0]);
     for (std::string& front : options.fileFronts) api->RegisterFront(&front[0]);
@@ -791,7 +1052,7 @@ int main(int argc, char** argv) {
     // 3. Start: the library connects and calls OnFrontLinked.
     api->Init();
 
-    Console console(options, out);
+    Console console(options, out, templates);
     const auto start = std::chrono::steady_clock::now();
     while (!g_interrupted.load()) {
         for (const Event& e : spi.Take()) console.Handle(e, false);

@@ -35,7 +35,7 @@ inline const char* SampleTemplates() {
     <int32 id="1" name="IndexValue" price="1" comment="hundredths of a point"/>
     <int32 id="2" name="UpdateTime" comment="HHMMSS"/>
     <int32 id="3" name="Contracts" comment="contracts in the index"/>
-    <array mask="1" maxsize="3">
+    <array name="Top" mask="1" maxsize="3">
       <string id="20" name="Instrument" maxlen="20" comment="contract code"/>
       <int32 id="21" name="Volume" comment="lots traded today"/>
     </array>

@@ -2,7 +2,8 @@
 # md-console against qxdc-sim over loopback, two runs side by side.
 #
 # Run 1 (JSON lines, ~11 s) against a simulator whose sessions last 3 s:
-# quotes flow, an instrument query for all exchanges is answered with the
+# quotes and the simulator's index template packages (with the template
+# file it writes) flow, an instrument query for all exchanges is answered with the
 # contract files' fields, the market closes, rolls to the next trading day,
 # holds its auction and trades again, and quotes of the new day arrive.
 # Run 2 (CSV, ~4 s) against a simulator that trades all the time, with
@@ -70,6 +71,8 @@ run2=$!
 
 # ---- run 1 ----
 mkdir run1
+# The simulator's template packages, described by the file it writes.
+"$sim" --write-templates run1/qxdctrans.xml || fail "simulator could not write its templates"
 rc=0
 (cd run1 && "$console" --front "$sima_front" --file-front "$sima_file_front" --query \
      --format json --duration 11 --check >out.jsonl 2>err.txt) || rc=$?
@@ -78,6 +81,13 @@ out=run1/out.jsonl
 # Every line is a JSON object (the library's own diagnostics went to stderr).
 [ "$(grep -vc '^{"type":"' "$out" || true)" -eq 0 ] || fail "stray lines on standard output"
 [ "$(count '"type":"login","error":0' "$out")" -ge 1 ] || fail "no successful login"
+# Index packages as template records, one per market, read through the
+# template file's layout.
+for exchange in SHFE DCE CZCE CFFEX; do
+    grep -q "\"type\":\"template\",\"package\":901,\"name\":\"ExchangeIndex\",\"Market\":\"$exchange\",\"IndexValue\":[0-9]" "$out" ||
+        fail "no index record of $exchange"
+done
+grep -q '"Top":\[{"Instrument":"[A-Za-z0-9]*","Volume":[0-9]*}' "$out" || fail "no rows in an index record"
 depth=$(count '"type":"depth"' "$out")
 [ "$depth" -ge 200 ] || fail "only $depth depth records"
 grep -q '"type":"query_end","request":[0-9]*,"count":120}' "$out" || fail "the query for all exchanges was not answered in full"
