@@ -194,10 +194,10 @@ int CDCThread::ReqQryInstrument(COrvexWiraQryInstrumentField* query, int request
 void CDCThread::ServeQueues() {
     CheckQryInstrument();
     CheckQXSF();
-    m_engine.ServeFileAnswers();
+    m_engine.CheckQXSFQryInstrument();
     if (SubscribeEnabled()) {
-        m_engine.Subscribe(TakeAll(m_subLock, m_subQueue));
-        m_engine.Unsubscribe(TakeAll(m_unsubLock, m_unsubQueue));
+        m_engine.CheckSubscribeInfo(TakeAll(m_subLock, m_subQueue));
+        m_engine.CheckUnSubscribeInfo(TakeAll(m_unsubLock, m_unsubQueue));
     }
 }
 

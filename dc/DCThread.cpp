@@ -206,8 +206,10 @@ void CDCThread::FillLoginIdentity(COrvexWiraRspUserLoginField* rsp) {
     rsp->FrontID = m_nCurrentFront;
 }
 
-void CDCThread::SaveMarketAccess(const CFamilyAccess& access) {
-    access.Save(kAccessFile);
+void CDCThread::SaveFamilyAccess(const CFamilyAccess& access) { access.Save(kAccessFile); }
+
+void CDCThread::LoadFamilyAccess() {
+    m_engine.UseAccess([](CFamilyAccess& access) { access.Load(kAccessFile); });
 }
 
 bool CDCThread::MayDispatch() { return m_bRunning || !m_thread.IsActive(); }

@@ -140,11 +140,14 @@ private:
     int TakeRequestId(unsigned short handle) override { return GetRequestID(handle); }
     void LoginAccepted() override { m_bLoginAnswered = true; }
     void LoginRefused(int code) override;
-    void SaveMarketAccess(const CFamilyAccess& access) override;
+    void SaveFamilyAccess(const CFamilyAccess& access) override;
     bool HandOverQuery(const _QryInstrumentInfo& query, std::vector<std::string> markets,
                        COrvexWiraMdSpi* spi) override;
 
     // ---- worker ----
+    // The market access list from ".//qxmktaccess.xml" (at the worker's
+    // start); it is saved by SaveFamilyAccess when the engine asks.
+    void LoadFamilyAccess();
     static void* WorkThread(void* arg);
     void WorkLoop();
     void Connect();

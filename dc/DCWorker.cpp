@@ -71,7 +71,7 @@ void* CDCThread::WorkThread(void* arg) {
 
 void CDCThread::WorkLoop() {
     if (m_bLog) Log("WorkThread Start, ThreadID : 0x%08x", static_cast<unsigned>(pthread_self()));
-    m_engine.UseAccess([](CFamilyAccess& access) { access.Load(".//qxmktaccess.xml"); });
+    LoadFamilyAccess();
     orvex::SeedRandom(static_cast<unsigned>(orvex::NowTime()));
     m_bAbnormalEnd = true;
     m_nCurrentFront = -1;

@@ -119,7 +119,7 @@ void CMdEngine::ProcessMkStatusRsp(const char* body, int length) {
             SelectMainMarkets();
         }
         std::lock_guard<std::mutex> lock(m_accessLock);
-        m_host.SaveMarketAccess(m_access);
+        m_host.SaveFamilyAccess(m_access);
     }
 
     // The markets are known: the login is complete for the caller.

@@ -52,7 +52,7 @@ enum : int {
 };
 
 // What the engine asks of the connection that feeds it. Called on the DC
-// worker, never with an engine lock held except SaveMarketAccess.
+// worker, never with an engine lock held except SaveFamilyAccess.
 class IMdEngineHost {
 public:
     // Requests to the quote server: 1 when the whole frame was sent, 0 when
@@ -79,7 +79,7 @@ public:
 
     // The access list changed and is to be kept; called under the access
     // lock.
-    virtual void SaveMarketAccess(const CFamilyAccess& access) = 0;
+    virtual void SaveFamilyAccess(const CFamilyAccess& access) = 0;
 
     // Hands an instrument query for these markets (exchange codes) to the
     // file service. False when no file front is configured: the engine then
@@ -157,15 +157,15 @@ public:
     void TranslateLoginRsp(COrvexWiraRspUserLoginField* rsp, int errorCode);
 
     // ---- the caller's queued requests ----
-    void Subscribe(const std::vector<std::string>& requests);
-    void Unsubscribe(const std::vector<std::string>& requests);
+    void CheckSubscribeInfo(const std::vector<std::string>& requests);
+    void CheckUnSubscribeInfo(const std::vector<std::string>& requests);
     // Answers the queries whose markets are ready (or hands them to the
     // file service) and returns the others, in order, to be asked again.
     std::vector<_QryInstrumentInfo> ServeQueries(const std::vector<_QryInstrumentInfo>& queries);
     // File-service answers: kept in arrival order, answered by
-    // ServeFileAnswers (at most one per call) once their markets are ready.
+    // CheckQXSFQryInstrument (at most one per call) once their markets are ready.
     void AddFileAnswer(std::unique_ptr<CQxsfRsp> answer);
-    void ServeFileAnswers();
+    void CheckQXSFQryInstrument();
     size_t FileAnswersWaiting() const { return m_fileAnswers.size(); }
 
     // ---- market access list (any thread) ----

@@ -71,7 +71,7 @@ void CMdEngine::AddFileAnswer(std::unique_ptr<CQxsfRsp> answer) {
     if (answer) m_fileAnswers.push_back(std::move(answer));
 }
 
-void CMdEngine::ServeFileAnswers() {
+void CMdEngine::CheckQXSFQryInstrument() {
     for (size_t i = 0; i < m_fileAnswers.size();) {
         const _QryInstrumentInfo& query = m_fileAnswers[i]->info;
         const std::string_view exchangeId(query.query.ExchangeID, strnlen(query.query.ExchangeID, 9));

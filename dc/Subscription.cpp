@@ -41,7 +41,7 @@ Request Split(CMdEngine& engine, std::string_view text) {
 
 }  // namespace
 
-void CMdEngine::Subscribe(const std::vector<std::string>& batch) {
+void CMdEngine::CheckSubscribeInfo(const std::vector<std::string>& batch) {
     // Replays the quote of one instrument: the first of the exchange's
     // markets that lists it decides, and a never-dated quote is not sent.
     auto replayOne = [this](CQxExchange& exchange, std::string_view id) {
@@ -88,7 +88,7 @@ void CMdEngine::Subscribe(const std::vector<std::string>& batch) {
     }
 }
 
-void CMdEngine::Unsubscribe(const std::vector<std::string>& batch) {
+void CMdEngine::CheckUnSubscribeInfo(const std::vector<std::string>& batch) {
     for (const std::string& text : batch) {
         if (text.empty()) continue;
         const Request req = Split(*this, text);

@@ -341,7 +341,7 @@ TEST_F(DynainfoTest, SteadyStatePushesAndStatusRecordsAllocateNothing) {
             s.deltaQuot = delta;
         }));
         engine->SetSpi(&counting);
-        engine->Subscribe({std::string(kLongCode) + ".SHFE"});
+        engine->CheckSubscribeInfo({std::string(kLongCode) + ".SHFE"});
         Inst(2001, kLongCode)->quoteDate = 20240102;
         Inst(2001, kLongCode)->quoteTime = 93000000;
         Dyna(bodies[0]);   // warm-up

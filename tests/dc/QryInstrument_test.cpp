@@ -253,7 +253,7 @@ protected:
 
 TEST_F(QxsfAnswerTest, ContractFieldsAreMergedWithTheModel) {
     Pending("SHFE", 12, "SHFE", {Contract("CU2403", 0.5, "20170315")});
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"12:cu2403", "12:cu2405!"}));
     const COrvexWiraInstrumentField& first = hookSpi.instruments[0].rec;
     // The model's code wins; the contract's Text4 is merged in.
@@ -271,12 +271,12 @@ TEST_F(QxsfAnswerTest, UnknownExchangeIsAnsweredWithItsNameAndTheNextAnswerFollo
     Pending("XYZ", 1);
     Pending("DCE", 2);
     Pending("SHFE", 3);
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
     ASSERT_EQ(Answered(), (std::vector<std::string>{"1:-!", "2:a2405!"}));
     EXPECT_EQ(std::string(hookSpi.instruments[0].info.ErrorMsg), kGbkUnknownExchange + " XYZ.");
     EXPECT_EQ(hookSpi.instruments[0].info.ErrorID, 1);
     ASSERT_EQ(engine->FileAnswersWaiting(), 1u);   // one answer per call
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
     EXPECT_EQ(Answered().back(), "3:cu2405!");
     EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
 }
@@ -286,13 +286,13 @@ TEST_F(QxsfAnswerTest, AnswerWaitsForItsMarketsWhileLaterOnesAreGiven) {
     Pending("SHFE", 1);
     Pending("", 2);
     Pending("DCE", 3);
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
     EXPECT_EQ(Answered(), std::vector<std::string>{"3:a2405!"});
     ASSERT_EQ(engine->FileAnswersWaiting(), 2u);
 
     engine->FindMarket(2001)->NameTableComplete = true;
-    engine->ServeFileAnswers();
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
+    engine->CheckQXSFQryInstrument();
     EXPECT_EQ(Answered(), (std::vector<std::string>{"3:a2405!", "1:cu2403", "1:cu2405!", "2:cu2403", "2:cu2405",
                                                     "2:a2405!"}));
 }
@@ -301,7 +301,7 @@ TEST_F(QxsfAnswerTest, AnswerWithoutInstrumentsIsRemovedSilently) {
     Status({Market(5000)});
     Names(5000, {});
     Pending("5000", 4);
-    engine->ServeFileAnswers();
+    engine->CheckQXSFQryInstrument();
     EXPECT_TRUE(hookSpi.instruments.empty());
     EXPECT_EQ(engine->FileAnswersWaiting(), 0u);
 }

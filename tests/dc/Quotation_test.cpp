@@ -170,14 +170,14 @@ TEST_F(QuotationTest, RowsAreStoredButNotDeliveredWithoutACallbackObjectOrTheSna
 
 TEST_F(QuotationTest, SubscriptionModeDeliversSubscribedInstrumentsAndWholeExchanges) {
     Build(With([](MdEngineSettings& s) { s.subscribe = true; }));
-    engine->Subscribe({"cu2405.SHFE"});
+    engine->CheckSubscribeInfo({"cu2405.SHFE"});
     Quotes(2001, {Dated("cu2403", 700100), Dated("cu2405", 7000000)});
     Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
     EXPECT_EQ(Depths(), std::vector<std::string>{"cu2405"});
 
     // Subscribing the exchange replays its dated quote, then the snapshot
     // delivers it.
-    engine->Subscribe({"DCE"});
+    engine->CheckSubscribeInfo({"DCE"});
     Quotes(2101, {Dated("a2405", 4000, 20240102, 2101)});
     EXPECT_EQ(Depths(), (std::vector<std::string>{"cu2405", "a2405", "a2405"}));
 

@@ -60,8 +60,8 @@ protected:
         hookSpi.events.clear();
     }
 
-    void Subscribe(const std::vector<std::string>& ids) { engine->Subscribe(ids); }
-    void Unsubscribe(const std::vector<std::string>& ids) { engine->Unsubscribe(ids); }
+    void Subscribe(const std::vector<std::string>& ids) { engine->CheckSubscribeInfo(ids); }
+    void Unsubscribe(const std::vector<std::string>& ids) { engine->CheckUnSubscribeInfo(ids); }
     // Last prices of the replayed records, in order (the market id was used
     // as the raw last price).
     std::vector<double> Replayed() {

@@ -44,7 +44,7 @@ public:
         refused.push_back(code);
         connected = false;
     }
-    void SaveMarketAccess(const CFamilyAccess&) override { ++saves; }
+    void SaveFamilyAccess(const CFamilyAccess&) override { ++saves; }
     bool HandOverQuery(const _QryInstrumentInfo& query, std::vector<std::string> markets,
                        COrvexWiraMdSpi*) override {
         if (!fileService) return false;
