@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <cinttypes>
 #include <cstdarg>
@@ -303,18 +304,24 @@ RunResult RunPaced(Blaster& blaster, DeliveryRecorder& recorder, int receiverTid
 }
 
 // The latency curve of a run: latency (µs) against the share of rows at
-// least that late, densest in the tail.
+// least that late, at shares falling by a factor of 10^0.05 from 1 down to
+// one row, so that the tail is drawn as finely as the body.
 void WriteLatencyCurve(const std::string& path, const std::vector<int64_t>& sorted) {
     FILE* f = std::fopen(path.c_str(), "w");
     if (!f) return;
     const size_t n = sorted.size();
     std::fprintf(f, "# latency_us share_at_least\n");
-    for (size_t i = 0; i < n;) {
-        std::fprintf(f, "%.3f %.9g\n", static_cast<double>(sorted[i]) / 1000.0,
-                     static_cast<double>(n - i) / static_cast<double>(n));
-        // Every row of the last thousand, sparser below.
-        const size_t left = n - i;
-        i += left > 1000 ? std::max<size_t>(1, left / 2000) : 1;
+    size_t last = n;
+    for (int k = 0; n > 0; ++k) {
+        const double share = std::pow(10.0, -0.05 * k);
+        size_t i = static_cast<size_t>((1.0 - share) * static_cast<double>(n));
+        if (i >= n) i = n - 1;
+        if (i != last) {
+            std::fprintf(f, "%.3f %.9g\n", static_cast<double>(sorted[i]) / 1000.0,
+                         static_cast<double>(n - i) / static_cast<double>(n));
+            last = i;
+        }
+        if (i == n - 1) break;
     }
     std::fclose(f);
 }

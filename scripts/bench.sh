@@ -20,13 +20,15 @@ if [ "${1:-}" = "--quick" ]; then quick=1; fi
 # ---- packages ----
 "$root/scripts/setup.sh"
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
-if ! have_pkg libbenchmark-dev; then
-  echo "Installing: libbenchmark-dev"
+need=()
+for p in libbenchmark-dev gnuplot-nox; do have_pkg "$p" || need+=("$p"); done
+if [ "${#need[@]}" -gt 0 ]; then
+  echo "Installing: ${need[*]}"
   SUDO=""
   if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update
-  $SUDO apt-get install -y --no-install-recommends libbenchmark-dev
+  $SUDO apt-get install -y --no-install-recommends "${need[@]}"
 fi
 
 # ---- build ----
@@ -51,7 +53,9 @@ echo "== micro-benchmarks"
   --benchmark_out="$work/micro.json" --benchmark_out_format=json
 echo "== end to end"
 e2e_status=0
-"${run[@]}" "$build/bench/orvex-bench-e2e" "${e2e_args[@]}" --markdown "$work/e2e.md" || e2e_status=$?
+mkdir -p "$work/latency"
+"${run[@]}" "$build/bench/orvex-bench-e2e" "${e2e_args[@]}" --markdown "$work/e2e.md" --latency-dir "$work/latency" ||
+  e2e_status=$?
 if [ ! -s "$work/e2e.md" ]; then
   echo "the end-to-end benchmark wrote no results" >&2
   exit 1
@@ -119,6 +123,11 @@ after_cpu="$(grep -m1 '^| full speed | library |' "$work/e2e.md" | awk -F'|' '{g
 after_ratio="$(grep -m1 '^ratio:' "$work/e2e.md" | awk '{print $2}')"
 
 mkdir -p "$(dirname "$out")"
+# The paced runs' latency curves, drawn beside the page.
+svg="$(dirname "$out")/latency-paced.svg"
+if ls "$work"/latency/*.dat >/dev/null 2>&1; then
+  gnuplot -e "OUT='$svg'; DIR='$work/latency'" "$root/scripts/plot_latency.gp"
+fi
 {
   echo "# Performance"
   echo
@@ -135,6 +144,12 @@ mkdir -p "$(dirname "$out")"
   if [ "$quick" = 1 ]; then echo "| mode | --quick (short runs) |"; fi
   echo
   cat "$work/e2e.md"
+  if [ -f "$svg" ]; then
+    echo "The paced runs above, as the share of rows at least a given latency late (log scales):"
+    echo
+    echo "![Latency of the paced runs, bare loop and library](latency-paced.svg)"
+    echo
+  fi
   echo "## Micro-benchmarks"
   echo
   echo "An API object that is never started, its model filled through the handlers (one market of 1,000"
