@@ -4,7 +4,8 @@
 #                             (libclang-rt-dev: libclang-rt-14-dev on Debian 12)
 set -euo pipefail
 
-packages=(g++ cmake make zlib1g-dev rapidjson-dev libgtest-dev pkg-config)
+packages=(g++ cmake make zlib1g-dev rapidjson-dev libgtest-dev pkg-config
+          python3 python3-dev pybind11-dev python3-numpy python3-pytest)
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-dev)
 fi
