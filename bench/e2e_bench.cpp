@@ -43,6 +43,7 @@
 #include "BenchUtil.h"
 #include "Blaster.h"
 #include "OrvexWiraMdApi.h"
+#include "LibraryClient.h"
 #include "Receivers.h"
 
 using namespace orvex_bench;
@@ -61,82 +62,6 @@ struct Options {
     double pacedSeconds = 4;   // each paced run; 0: none
     std::string latencyDir;    // where the paced runs' latency curves go
 };
-
-// ---- the library as an application sees it ----
-
-class BenchSpi : public COrvexWiraMdSpi {
-public:
-    void OnFrontLinked() override {
-        linkedAt = NowNs();
-        ++linked;
-    }
-    void OnFrontLost(int reason) override {
-        lostAt = NowNs();
-        lostReason = reason;
-        ++lost;
-    }
-    void OnLoginAnswer(COrvexWiraRspUserLoginField*, COrvexWiraRspInfoField* info, int, bool) override {
-        loginCode = info ? info->ErrorID : -1;
-        loginAnswerAt = NowNs();
-    }
-    void OnDepthMarketData(COrvexWiraDepthMarketDataField* d) override {
-        if (recorder && recorder->Armed()) {
-            recorder->Record(d->Turnover, d->Volume);
-            return;
-        }
-        snapshotRows.fetch_add(1, std::memory_order_relaxed);
-        lastSnapshotAt.store(NowNs(), std::memory_order_relaxed);
-    }
-    void OnStatusChange(COrvexWiraMarketStatusField* s) override {
-        // '*' reports the login; any other character follows a completed
-        // quotation.
-        if (s->MarketStatus == '*') return;
-        int64_t none = 0;
-        completedAt.compare_exchange_strong(none, NowNs());
-    }
-
-    DeliveryRecorder* recorder = nullptr;
-    std::atomic<int> linked{0}, lost{0}, lostReason{-1}, loginCode{-1};
-    std::atomic<int64_t> linkedAt{0}, lostAt{0}, loginAnswerAt{0}, completedAt{0}, lastSnapshotAt{0};
-    std::atomic<uint64_t> snapshotRows{0};
-};
-
-class LibraryClient {
-public:
-    LibraryClient(const std::string& front, bool deliverSnapshot) {
-        m_api = COrvexWiraMdApi::CreateWiraMdApi("./", false, false, deliverSnapshot);
-        m_api->RegisterSpi(&spi);
-        std::string address = front;
-        m_api->RegisterFront(&address[0]);
-    }
-    ~LibraryClient() {
-        if (m_api) m_api->Release();
-    }
-    void Init() { m_api->Init(); }
-    int Login() {
-        COrvexWiraReqUserLoginField req;
-        std::memset(&req, 0, sizeof(req));
-        std::strcpy(req.BrokerID, "bench");
-        std::strcpy(req.UserID, "bench");
-        std::strcpy(req.Password, "bench");
-        return m_api->ReqUserLogin(&req, 1);
-    }
-
-    BenchSpi spi;
-
-private:
-    COrvexWiraMdApi* m_api = nullptr;
-};
-
-template <class F>
-bool WaitUntil(F pred, int timeoutMs) {
-    const int64_t end = NowNs() + static_cast<int64_t>(timeoutMs) * 1000000;
-    while (!pred()) {
-        if (NowNs() > end) return false;
-        SleepNs(100000);
-    }
-    return true;
-}
 
 double Ms(int64_t ns) { return static_cast<double>(ns) / 1e6; }
 double Us(int64_t ns) { return static_cast<double>(ns) / 1e3; }

@@ -34,6 +34,9 @@ fi
 # ---- build ----
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DORVEX_BUILD_TESTS=OFF -DORVEX_BENCH=ON >/dev/null
 cmake --build "$build" -j"$(nproc)" --target orvex-bench-micro orvex-bench-e2e
+# The Python benchmark, when the binding is built (pybind11 found).
+python_bench=0
+if cmake --build "$build" -j"$(nproc)" --target _orvexbench _orvexmd >/dev/null 2>&1; then python_bench=1; fi
 
 # ---- run ----
 run=()
@@ -56,6 +59,13 @@ e2e_status=0
 mkdir -p "$work/latency"
 "${run[@]}" "$build/bench/orvex-bench-e2e" "${e2e_args[@]}" --markdown "$work/e2e.md" --latency-dir "$work/latency" ||
   e2e_status=$?
+if [ "$python_bench" = 1 ]; then
+  echo "== python"
+  py_args=()
+  if [ "$quick" = 1 ]; then py_args=(--quick); fi
+  PYTHONPATH="$build/python" "${run[@]}" /usr/bin/python3 "$root/python/bench/bench_python.py" "${py_args[@]}" \
+    --markdown "$work/python.md" || echo "the Python benchmark failed" >&2
+fi
 if [ ! -s "$work/e2e.md" ]; then
   echo "the end-to-end benchmark wrote no results" >&2
   exit 1
@@ -150,6 +160,7 @@ fi
     echo "![Latency of the paced runs, bare loop and library](latency-paced.svg)"
     echo
   fi
+  if [ -s "$work/python.md" ]; then cat "$work/python.md"; echo; fi
   echo "## Micro-benchmarks"
   echo
   echo "An API object that is never started, its model filled through the handlers (one market of 1,000"

@@ -222,6 +222,14 @@ private:
     void Call(const char* name, Args args) {
         if (!Py_IsInitialized()) return;
         py::gil_scoped_acquire gil;
+        // The library's thread keeps its Python thread state from its first
+        // callback on: making and dropping one per call would cost more than
+        // the call.
+        thread_local bool kept = false;
+        if (!kept) {
+            gil.inc_ref();
+            kept = true;
+        }
         py::function f = py::get_override(static_cast<const PySpi*>(this), name);
         if (!f) return;
         const bool outer = t_inCallback;
