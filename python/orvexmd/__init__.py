@@ -53,9 +53,51 @@ __all__ = [
     "ReqUserLoginField",
     "RspInfoField",
     "RspUserLoginField",
+    "template_sizes",
 ]
 
 _live = weakref.WeakSet()
+
+_NUMBER_SIZES = {"int8": 1, "int16": 2, "int32": 4, "float": 4, "double": 8}
+
+
+def template_sizes(path="./qxdctrans.xml"):
+    """Record sizes of the template packages in the template file, by
+    package id, as the library lays the records out: no padding; int8 1,
+    int16 2, int32 4, float 4, double 8, text maxlen + 1 (64 when absent), a
+    price 8, a field with id 11 9; an array reserves maxsize rows (10 when
+    absent). The first template of an id counts. {} without a file."""
+    import xml.etree.ElementTree as ET
+
+    def field_size(e):
+        if e.tag in _NUMBER_SIZES:
+            size = _NUMBER_SIZES[e.tag]
+        else:
+            maxlen = e.get("maxlen", "")
+            size = (int(maxlen) if maxlen.strip().lstrip("-").isdigit() else 64) + 1
+        if e.get("price") == "1":
+            size = 8
+        if (int(e.get("id", "0") or 0) & 0xFFFF) == 11:
+            size = 9
+        return size
+
+    try:
+        root = ET.parse(path).getroot()
+    except (OSError, ET.ParseError):
+        return {}
+    sizes = {}
+    for packet in root.iter("qxpacket"):
+        pid = int(packet.get("id", "0") or 0) & 0xFFFF
+        total = 0
+        for item in packet:
+            if item.tag == "array":
+                maxsize = item.get("maxsize", "")
+                rows = int(maxsize) if maxsize.strip().lstrip("-").isdigit() else 10
+                total += rows * sum(field_size(f) for f in item)
+            else:
+                total += field_size(item)
+        sizes.setdefault(pid, total)
+    return sizes
 
 
 class MdApi(_MdApi):
@@ -68,7 +110,15 @@ class MdApi(_MdApi):
 
     def __init__(self, flow_path="", deliver_snapshot=True):
         super().__init__(flow_path, deliver_snapshot)
+        # The template file the library has just read: OnTemplateData hands
+        # over as many bytes as it lays out for the package.
+        self._template_sizes = template_sizes()
         _live.add(self)
+
+    def RegisterSpi(self, spi):
+        if spi is not None:
+            spi._set_template_sizes(self._template_sizes)
+        return super().RegisterSpi(spi)
 
     def __enter__(self):
         return self

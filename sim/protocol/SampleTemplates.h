@@ -12,7 +12,7 @@ inline const char* SampleTemplates() {
     return R"XML(<?xml version="1.0" encoding="UTF-8"?>
 <!--
   Package templates of the template packages qxdc-sim sends (qxdc-sim
-  writes this file with --write-templates FILE). Put it beside the
+  writes this file when given write-templates FILE). Put it beside the
   application as ./qxdctrans.xml: the library reads it when the API object
   is created and hands each package with a template to OnTemplateData as
   the flat record laid out below.
