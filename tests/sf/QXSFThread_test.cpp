@@ -312,6 +312,42 @@ TEST(QxsfNames, LocalNameAndMarketOfAFileName) {
 
 // ---- failures ---------------------------------------------------------------
 
+// Descriptors this process has open.
+int OpenDescriptors() {
+    int n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        ++n;
+    }
+    return n;
+}
+
+TEST_F(QxsfWorkerTest, EveryEndOfATransferClosesItsFiles) {
+    // Worker and server of each ending are gone before the count.
+    const int before = OpenDescriptors();
+    struct Ending {
+        Misbehaviour onFile;
+        bool corrupt;
+    } endings[] = {{Misbehaviour::None, false},
+                   {Misbehaviour::None, true},   // digest mismatch
+                   {Misbehaviour::UnknownPart, false},
+                   {Misbehaviour::HugeFile, false}};
+    for (const Ending& e : endings) {
+        ServedFile f = File("shfe_base_1.json", std::string(9000, 'c'));
+        f.corrupt = e.corrupt;
+        CQXSFThread::ClearFronts();
+        ServerScript script;
+        script.onFileRequest = e.onFile;
+        Serve({f}, script);
+        {
+            WorkerPtr worker = Start({"SHFE"});
+            ASSERT_TRUE(WaitUntil([&] { return worker->IsExit(); }, 10000));
+        }
+        m_server.reset();
+        EXPECT_EQ(before, OpenDescriptors()) << "ending " << static_cast<int>(e.onFile) << (e.corrupt ? " corrupt" : "");
+    }
+}
+
 TEST_F(QxsfWorkerTest, DigestMismatchEndsTheWorkerAndLeavesTheFile) {
     ServedFile f = File("shfe_base_1.json", "expected contents");
     f.corrupt = true;
