@@ -153,6 +153,34 @@ void DecodeInto(const CQxDataPackage& tmpl, const char* body, int length, char* 
     }
 }
 
+// True when every slot of the layout lies inside the record. A template with
+// a negative maxsize would put later fields before the record's start.
+bool SlotsInside(const CQxDataPackage& tmpl) {
+    bool inside = tmpl.size >= 0;
+    for (const CQxDataItem& item : tmpl.items) {
+        if (item.isArray && (item.maxSize < 0 || item.rowSize < 0)) inside = false;
+    }
+    if (!inside) return false;
+    auto check = [&](long long offset, int size) {
+        if (offset < 0 || size < 0 || offset + size > tmpl.size) inside = false;
+    };
+    for (const CQxDataItem& item : tmpl.items) {
+        if (!item.isArray) {
+            check(item.field.offset, item.field.size);
+            continue;
+        }
+        if (item.maxSize == 0) continue;
+        // The first and the last row bound every row.
+        for (const CQxDataField& field : item.fields) {
+            check(static_cast<long long>(item.offset) + field.offset, field.size);
+            check(static_cast<long long>(item.offset) + static_cast<long long>(item.maxSize - 1) * item.rowSize +
+                      field.offset,
+                  field.size);
+        }
+    }
+    return inside;
+}
+
 }  // namespace
 
 bool BuildPackageRecord(const CQxDataPackage& tmpl, const char* body, int length, std::vector<char>* record,
@@ -160,7 +188,7 @@ bool BuildPackageRecord(const CQxDataPackage& tmpl, const char* body, int length
     if (!body || length < 2 || !record) return false;
     uint16_t id;
     std::memcpy(&id, body, 2);
-    if (id != tmpl.id) return false;
+    if (id != tmpl.id || !SlotsInside(tmpl)) return false;
     record->assign(static_cast<size_t>(tmpl.size > 0 ? tmpl.size : 1), '\0');
     char* rec = record->data();
     ForEachSlot(tmpl, rec, [](char* slot, const CQxDataField& field) { ResetFieldData(slot, &field); });

@@ -32,8 +32,9 @@ typedef void (*PackageIdText)(void* context, int value, char* out9);
 
 // Builds the record of tmpl from body[0, length) into *record (resized to
 // the template's size, and never left empty so that data() is a valid
-// pointer). False when the body is too short to hold a package id or its id
-// is not tmpl's.
+// pointer). False when the body is too short to hold a package id, its id
+// is not tmpl's, or the template lays a slot outside its record (a negative
+// maxsize does).
 bool BuildPackageRecord(const CQxDataPackage& tmpl, const char* body, int length, std::vector<char>* record,
                         PackageIdText idText, void* context);
 

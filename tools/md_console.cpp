@@ -419,6 +419,14 @@ public:
                 package->items.push_back(item);
             }
         }
+        // A layout that puts a field before the record's start (a negative
+        // maxsize) is one the library does not deliver either.
+        for (auto it = m_packages.begin(); it != m_packages.end();) {
+            bool valid = it->second.size >= 0;
+            for (const TemplateItem& item : it->second.items)
+                valid = valid && item.rows >= 0 && (item.array ? item.offset : item.field.offset) >= 0;
+            it = valid ? std::next(it) : m_packages.erase(it);
+        }
         return !m_packages.empty();
     }
 

@@ -30,6 +30,9 @@ const char* kTemplates = R"(<qxpackets>
   <qxpacket id="301" mask="0">
     <string id="11" maxlen="20"/><int16 id="9" price="1"/>
   </qxpacket>
+  <qxpacket id="302" mask="0">
+    <int32 id="1"/><array maxsize="-2"><double id="2"/></array><double id="3"/>
+  </qxpacket>
 </qxpackets>)";
 
 class PackageRecordTest : public ::testing::Test {
@@ -145,6 +148,13 @@ TEST_F(PackageRecordTest, TextIdElevenKeepsEightBytesAndSmallPricesWiden) {
     ASSERT_EQ(record.size(), 9u + 8u);
     EXPECT_EQ(Text(0), "SHFE-lon");
     EXPECT_EQ(At<double>(9), -3.0);
+}
+
+TEST_F(PackageRecordTest, ATemplateThatPutsSlotsOutsideItsRecordBuildsNothing) {
+    // maxsize -2 moves the double after the array 16 bytes before its start.
+    Body b;
+    b.u16(302).i32(1).u16(0).f64(2.0);
+    EXPECT_FALSE(Build(b));
 }
 
 TEST_F(PackageRecordTest, UnknownOrForeignBodiesBuildNothing) {
