@@ -266,15 +266,6 @@ tested inline again.)
   queries are served at once; the wait is 2 ms only while file-service
   workers are running, otherwise up to the next heartbeat or 100 ms for
   the clock checks.
-- While rows keep arriving, the worker waits in the receive itself (with a
-  2 ms time-out that keeps the queues and timers served), one system call a
-  pass as a bare receive loop makes, instead of a poll() of two descriptors
-  and then the receive. Paced at 10,000 and 100,000 rows/s this brought the
-  worker's CPU from 4-5 points above the bare loop's to 0.4-2 points (the
-  rest is the model work on rows whose memory has gone cold in the 100 µs
-  between frames). The latency tail (p99) did not follow in a measurable
-  way: on this shared machine it moves by milliseconds between runs, for the
-  bare loop as much as for the library.
 EOF
   echo
   echo "## Running"
