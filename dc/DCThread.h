@@ -151,9 +151,7 @@ private:
     static void* WorkThread(void* arg);
     void WorkLoop();
     void Connect();
-    // One receive into the cutter and the frames it completes; true when
-    // bytes arrived.
-    bool ReadSocket();
+    void ReadSocket();
     // Builds "@", command*2, length, body in a per-call buffer and sends it
     // under the send lock; a failed send resets with reason 4098.
     int SendFrame(int command, const void* body, int length);
@@ -197,11 +195,6 @@ private:
     // connection may stay silent ([CONFIG] RecvTimeout, 0: for ever).
     uint32_t m_lastReceiveTick = 0;
     uint32_t m_nRecvTimeoutMs = 0;
-    // Worker only: while data keeps arriving the worker waits in the
-    // receive itself; after a quiet spell, on the socket and the wake
-    // descriptor together.
-    bool m_bStreaming = false;
-    int m_nQuietWaits = 0;
 
     std::mutex m_handleLock;
     std::map<unsigned short, int> m_reqHandles;

@@ -27,10 +27,6 @@ void SleepWhileRunning(const std::atomic<bool>& running, unsigned ms) {
 
 constexpr int kConnectLimitMs = 127000;
 
-// Receive time-outs in a row (2 ms each) after which a quiet stream goes
-// back to waiting on the socket and the wake descriptor together.
-constexpr int kQuietWaits = 50;
-
 // The local date (YYYYMMDD) and time of day (HHMMSS) of the wall clock, as
 // orvex::TodayYmd() and orvex::NowHms() give them, converted again only
 // when the clock's second has changed: the loop asks on every pass, that
@@ -124,17 +120,7 @@ void CDCThread::WorkLoop() {
             ServeQueues();
 
             int64_t sock = m_socket.load();
-            if (sock >= 0 && m_bStreaming) {
-                // While the stream flows, the receive itself is the wait: one
-                // call a pass, as a bare receive loop makes. Its 2 ms time-out
-                // keeps the queues, the file service and the timers served;
-                // a quiet spell goes back to the wait below.
-                if (ReadSocket()) {
-                    m_nQuietWaits = 0;
-                } else if (++m_nQuietWaits >= kQuietWaits) {
-                    m_bStreaming = false;
-                }
-            } else if (sock >= 0) {
+            if (sock >= 0) {
                 // poll rather than select: a trading process may hold more
                 // than FD_SETSIZE descriptors. Queued work and resets wake the
                 // wait at once through the wake descriptor, so the wait need
@@ -152,10 +138,7 @@ void CDCThread::WorkLoop() {
                     ssize_t n = read(m_wakeFd, &drained, sizeof(drained));
                     (void)n;
                 }
-                if (rc > 0 && fds[0].revents && ReadSocket()) {
-                    m_bStreaming = true;
-                    m_nQuietWaits = 0;
-                }
+                if (rc > 0 && fds[0].revents) ReadSocket();
             }
 
             if (orvex::NowTick() - lastHeartBeat > 14999) {
@@ -241,11 +224,6 @@ void CDCThread::Connect() {
     }
     if (connected) {
         m_cutter.Clear();
-        // A receive waits at most 2 ms (see the stream wait in WorkLoop).
-        timeval wait{0, 2000};
-        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
-        m_bStreaming = false;
-        m_nQuietWaits = 0;
         {
             std::lock_guard<std::recursive_mutex> lock(m_sendLock);
             m_socket = sock;
@@ -265,27 +243,25 @@ void CDCThread::Connect() {
     for (_FrontInfo& f : m_fronts) f.usable = true;
 }
 
-bool CDCThread::ReadSocket() {
+void CDCThread::ReadSocket() {
     int64_t sock = m_socket.load();
-    if (sock < 0) return false;
+    if (sock < 0) return;
     ssize_t n = recv(static_cast<int>(sock), m_cutter.FreeSpace(), static_cast<size_t>(m_cutter.FreeBytes()), 0);
     if (n == 0) {
         Reset(kReasonServerClosed);
-        return false;
+        return;
     }
     if (n < 0) {
         int err = errno;
-        // The receive's time-out, or a signal: nothing arrived.
-        if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == 10035) return false;
+        if (err == 10035) return;
         Log("recv error:%d", err);
         Reset(kReasonReadError);
-        return false;
+        return;
     }
     m_lastReceiveTick = orvex::NowTick();
     m_cutter.Commit(static_cast<int>(n));
     // Whole frames go straight to the engine.
     if (m_cutter.Cut(m_engine) == CDCFrameCutter::kProtocolError) Reset(kReasonBadFrame);
-    return true;
 }
 
 void CDCThread::OnReceived(const char* data, size_t length) {
