@@ -128,8 +128,6 @@ public:
     void AttachSocketForTest(int fd);
     // File-service workers still running or not yet collected.
     size_t FileWorkersForTest() const { return m_qxsfWorkers.size(); }
-    // Queries waiting for the file service.
-    size_t FileQueriesWaitingForTest() const { return m_qxsfWaiting.size(); }
     CMdEngine& EngineForTest() { return m_engine; }
 
 private:

@@ -64,7 +64,6 @@ public:
     bool dispatching = true;
     bool connected = true;
     bool fileService = false;
-    int sendResult = 1;
     std::string brokerId = "9999";
     std::string userId = "trader";
     int frontId = 0;
@@ -81,7 +80,7 @@ public:
 private:
     int Sent(int command, int market) {
         requests.push_back({command, market});
-        return sendResult;
+        return 1;
     }
 };
 
