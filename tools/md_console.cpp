@@ -44,7 +44,9 @@
 #include <thread>
 #include <vector>
 
+#include "ClientOptions.h"
 #include "OrvexWiraMdApi.h"
+#include "TemplateFile.h"
 
 namespace {
 
@@ -54,57 +56,32 @@ namespace {
 
 enum class Format { Table, Json, Csv };
 
-struct Options {
-    std::vector<std::string> fronts;       // tcp://host:port, quote servers
-    std::vector<std::string> fileFronts;   // ftp://host:port, file servers (contract data)
-    std::string user = "demo";
-    std::string password = "demo";
-    std::string broker = "9999";
-    std::string flow = "flow/";            // directory of the library's daily log
-    std::vector<std::string> subscriptions;
-    std::vector<std::string> queries;      // exchange codes; "" for every exchange
+struct Options : ClientOptions {
     Format format = Format::Table;
-    double duration = 0;                   // seconds; 0: until Ctrl-C
     double interval = 5;                   // seconds between tables when not on a terminal
     int rows = 0;                          // table rows; 0: fit the terminal (or 20)
-    bool writeConfig = false;              // write ./OrvexWiraMdApi.def (and ./qxsfc_login.ini)
-    bool logFile = false;                  // [CONFIG] Log=1
-    bool delta = false;                    // [CONFIG] DeltaQuot=1
-    int level = 0;                         // [CONFIG] Level
     bool check = false;                    // exit 3 unless quotes came and every query was answered
 };
 
 void Usage(FILE* out) {
-    std::fputs(
+    std::fprintf(out,
         "usage: md-console --front tcp://HOST:PORT [options]\n"
         "\n"
-        "  --front URL          quote server front, tcp://host:port (repeatable)\n"
-        "  --file-front URL     file server front, ftp://host:port: instrument answers then\n"
-        "                       carry the contract files' fields (repeatable)\n"
-        "  --user U             user id (demo)\n"
-        "  --password P         password (demo)\n"
-        "  --broker B           broker id (9999)\n"
-        "  --flow DIR           directory of the library's log files (flow/)\n"
-        "  --sub ID             subscribe: CODE.EXCHANGE, EXCHANGE or CODE (repeatable); filters\n"
-        "                       only with [CONFIG] Subscribe=1 in ./OrvexWiraMdApi.def\n"
-        "  --query [EXCHANGE]   query the instruments of one exchange, or of all (repeatable)\n"
+        "%s"
         "  --format F           table (live table, default), json or csv (one line per record)\n"
-        "  --duration S         run S seconds, then release and exit (default: until Ctrl-C)\n"
         "  --interval S         seconds between tables when the output is not a terminal (5)\n"
         "  --rows N             rows of the table (default: fit the terminal)\n"
-        "  --write-config       write ./OrvexWiraMdApi.def from the options below (Subscribe=1\n"
-        "                       when --sub is given) and, with --file-front, ./qxsfc_login.ini\n"
-        "  --log                with --write-config: Log=1 (daily log in the flow directory)\n"
-        "  --delta              with --write-config: DeltaQuot=1 (pushes carry changes only)\n"
-        "  --level N            with --write-config: Level=N (0: plain feed, 1: deep feed)\n"
         "  --check              exit with status 3 unless quotes arrived and every query was answered\n"
         "  --help\n",
-        out);
+        kClientUsage);
 }
 
 // Returns 0 when the options are usable, else the exit status.
 int ParseOptions(int argc, char** argv, Options& o) {
     for (int i = 1; i < argc; ++i) {
+        const int shared = ParseClientOption("md-console", argc, argv, i, o);
+        if (shared == 2) return 2;
+        if (shared == 1) continue;
         const std::string arg = argv[i];
         auto value = [&](std::string& out) {
             if (i + 1 >= argc) {
@@ -118,28 +95,6 @@ int ParseOptions(int argc, char** argv, Options& o) {
         if (arg == "--help" || arg == "-h") {
             Usage(stdout);
             return -1;
-        } else if (arg == "--front") {
-            if (!value(v)) return 2;
-            o.fronts.push_back(v);
-        } else if (arg == "--file-front") {
-            if (!value(v)) return 2;
-            o.fileFronts.push_back(v);
-        } else if (arg == "--user") {
-            if (!value(o.user)) return 2;
-        } else if (arg == "--password") {
-            if (!value(o.password)) return 2;
-        } else if (arg == "--broker") {
-            if (!value(o.broker)) return 2;
-        } else if (arg == "--flow") {
-            if (!value(o.flow)) return 2;
-        } else if (arg == "--sub") {
-            if (!value(v)) return 2;
-            o.subscriptions.push_back(v);
-        } else if (arg == "--query") {
-            // The exchange is optional: the next argument is taken only when
-            // it is not another option.
-            if (i + 1 < argc && argv[i + 1][0] != '-') o.queries.push_back(argv[++i]);
-            else o.queries.push_back("");
         } else if (arg == "--format") {
             if (!value(v)) return 2;
             if (v == "table") o.format = Format::Table;
@@ -149,7 +104,7 @@ int ParseOptions(int argc, char** argv, Options& o) {
                 std::fprintf(stderr, "md-console: unknown format %s\n", v.c_str());
                 return 2;
             }
-        } else if (arg == "--duration" || arg == "--interval") {
+        } else if (arg == "--interval") {
             if (!value(v)) return 2;
             char* end = nullptr;
             const double seconds = std::strtod(v.c_str(), &end);
@@ -157,16 +112,10 @@ int ParseOptions(int argc, char** argv, Options& o) {
                 std::fprintf(stderr, "md-console: bad value for %s: %s\n", arg.c_str(), v.c_str());
                 return 2;
             }
-            (arg == "--duration" ? o.duration : o.interval) = seconds;
-        } else if (arg == "--rows" || arg == "--level") {
+            o.interval = seconds;
+        } else if (arg == "--rows") {
             if (!value(v)) return 2;
-            (arg == "--rows" ? o.rows : o.level) = std::atoi(v.c_str());
-        } else if (arg == "--write-config") {
-            o.writeConfig = true;
-        } else if (arg == "--log") {
-            o.logFile = true;
-        } else if (arg == "--delta") {
-            o.delta = true;
+            o.rows = std::atoi(v.c_str());
         } else if (arg == "--check") {
             o.check = true;
         } else {
@@ -180,48 +129,6 @@ int ParseOptions(int argc, char** argv, Options& o) {
     }
     if (o.interval <= 0) o.interval = 5;
     return 0;
-}
-
-// ---------------------------------------------------------------------------
-// Configuration files in the working directory
-// ---------------------------------------------------------------------------
-
-// The library reads ./OrvexWiraMdApi.def when the API object is created, and
-// a file-service worker reads ./qxsfc_login.ini for its own login.
-bool WriteConfig(const Options& o) {
-    std::ofstream def("./OrvexWiraMdApi.def");
-    def << "; written by md-console\n"
-        << "[CONFIG]\n"
-        << "Log=" << (o.logFile ? 1 : 0) << "\n"
-        << "Subscribe=" << (o.subscriptions.empty() ? 0 : 1) << "\n"
-        << "DeltaQuot=" << (o.delta ? 1 : 0) << "\n"
-        << "Level=" << o.level << "\n"
-        << "DomesticExchanges=0\n";
-    if (!def) return false;
-    if (!o.fileFronts.empty()) {
-        std::ofstream login("./qxsfc_login.ini");
-        login << "[LoginInfo]\nUser=" << o.user << "\nPassword=" << o.password << "\n";
-        if (!login) return false;
-    }
-    return true;
-}
-
-// True when ./OrvexWiraMdApi.def turns subscription mode on. A small reader
-// for this one check: section and key names without regard to case.
-bool SubscribeModeConfigured() {
-    std::ifstream in("./OrvexWiraMdApi.def");
-    std::string line, section;
-    auto lower = [](std::string s) {
-        for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return s;
-    };
-    while (std::getline(in, line)) {
-        const std::string l = lower(line);
-        if (!l.empty() && l[0] == '[') section = l.substr(1, l.find(']') - 1);
-        else if (section == "config" && l.rfind("subscribe", 0) == 0 && l.find('=') != std::string::npos)
-            return std::atoi(l.c_str() + l.find('=') + 1) != 0;
-    }
-    return false;
 }
 
 // ---------------------------------------------------------------------------
@@ -321,168 +228,6 @@ std::string Clock() {
 // Template packages
 // ---------------------------------------------------------------------------
 
-// The layout of the records OnTemplateData hands over, read from the same
-// ./qxdctrans.xml the library reads: each field in its slot, with no
-// padding. Slot sizes: int8 1, int16 2, int32 4, float 4, double 8, text
-// maxlen + 1 (maxlen 64 when absent), a price 8 (a double), a field with
-// id 11 9 (a text); an array reserves maxsize rows (10 when absent).
-struct TemplateField {
-    enum Type { Int8, Int16, Int32, Float, Double, Text } type = Int32;
-    std::string name;
-    int id = 0;
-    bool price = false;
-    int offset = 0;   // in the record, or in one row for an array field
-    int size = 0;
-};
-
-struct TemplateItem {
-    bool array = false;
-    std::string name;                  // of an array (its name attribute), for the output
-    TemplateField field;               // single field
-    std::vector<TemplateField> row;    // array row
-    int offset = 0, rows = 0, rowSize = 0;
-};
-
-struct TemplateLayout {
-    std::string name;
-    int size = 0;
-    std::vector<TemplateItem> items;
-};
-
-// A minimal reader of that file: elements and their attributes, comments
-// skipped; enough for a template file, not a general XML parser.
-class TemplateFile {
-public:
-    bool Load(const std::string& path) {
-        std::ifstream in(path);
-        if (!in) return false;
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        TemplateLayout* package = nullptr;
-        TemplateItem* array = nullptr;
-        int offset = 0;
-        for (size_t pos = text.find('<'); pos != std::string::npos; pos = text.find('<', pos + 1)) {
-            if (text.compare(pos, 4, "<!--") == 0) {
-                pos = text.find("-->", pos);
-                if (pos == std::string::npos) break;
-                continue;
-            }
-            const size_t end = text.find('>', pos);
-            if (end == std::string::npos) break;
-            std::string tag = text.substr(pos + 1, end - pos - 1);
-            const bool closing = !tag.empty() && tag[0] == '/';
-            const bool selfClosing = !tag.empty() && tag.back() == '/';
-            if (selfClosing) tag.pop_back();
-            std::map<std::string, std::string> attrs;
-            const std::string name = Parse(closing ? tag.substr(1) : tag, &attrs);
-            if (name.empty() || name[0] == '?' || name[0] == '!') continue;
-            if (closing) {
-                if (name == "array" && array && package) {
-                    offset += array->rows * array->rowSize;
-                    array = nullptr;
-                } else if (name == "qxpacket" && package) {
-                    package->size = offset;
-                    package = nullptr;
-                }
-                continue;
-            }
-            if (name == "qxpackets") continue;
-            if (name == "qxpacket") {
-                const int id = std::atoi(attrs["id"].c_str());
-                // The first template of an id is the one used.
-                package = m_packages.count(id) ? nullptr : &m_packages[id];
-                if (package) package->name = attrs["name"];
-                offset = 0;
-                if (selfClosing && package) package = nullptr;
-                continue;
-            }
-            if (!package) continue;
-            if (name == "array") {
-                package->items.emplace_back();
-                array = &package->items.back();
-                array->array = true;
-                array->offset = offset;
-                array->name = attrs.count("name") ? attrs["name"] : "rows";
-                array->rows = attrs.count("maxsize") && !attrs["maxsize"].empty() ? std::atoi(attrs["maxsize"].c_str()) : 10;
-                if (selfClosing) array = nullptr;
-                continue;
-            }
-            TemplateField f = Field(name, attrs);
-            if (array) {
-                f.offset = array->rowSize;
-                array->rowSize += f.size;
-                array->row.push_back(f);
-            } else {
-                TemplateItem item;
-                f.offset = offset;
-                offset += f.size;
-                item.field = f;
-                package->items.push_back(item);
-            }
-        }
-        // A layout that puts a field before the record's start (a negative
-        // maxsize) is one the library does not deliver either.
-        for (auto it = m_packages.begin(); it != m_packages.end();) {
-            bool valid = it->second.size >= 0;
-            for (const TemplateItem& item : it->second.items)
-                valid = valid && item.rows >= 0 && (item.array ? item.offset : item.field.offset) >= 0;
-            it = valid ? std::next(it) : m_packages.erase(it);
-        }
-        return !m_packages.empty();
-    }
-
-    const TemplateLayout* Find(int id) const {
-        auto it = m_packages.find(id);
-        return it == m_packages.end() ? nullptr : &it->second;
-    }
-
-private:
-    static std::string Parse(const std::string& tag, std::map<std::string, std::string>* attrs) {
-        size_t i = 0;
-        while (i < tag.size() && !std::isspace(static_cast<unsigned char>(tag[i]))) ++i;
-        const std::string name = tag.substr(0, i);
-        while (i < tag.size()) {
-            while (i < tag.size() && std::isspace(static_cast<unsigned char>(tag[i]))) ++i;
-            const size_t eq = tag.find('=', i);
-            if (eq == std::string::npos) break;
-            const std::string key = tag.substr(i, eq - i);
-            const size_t open = tag.find_first_of("\"'", eq);
-            if (open == std::string::npos) break;
-            const size_t close = tag.find(tag[open], open + 1);
-            if (close == std::string::npos) break;
-            (*attrs)[key] = tag.substr(open + 1, close - open - 1);
-            i = close + 1;
-        }
-        return name;
-    }
-
-    static TemplateField Field(const std::string& tag, std::map<std::string, std::string>& attrs) {
-        TemplateField f;
-        f.name = attrs["name"];
-        f.id = std::atoi(attrs["id"].c_str()) & 0xFFFF;
-        static const std::map<std::string, std::pair<TemplateField::Type, int>> numbers = {
-            {"int8", {TemplateField::Int8, 1}},   {"int16", {TemplateField::Int16, 2}},
-            {"int32", {TemplateField::Int32, 4}}, {"float", {TemplateField::Float, 4}},
-            {"double", {TemplateField::Double, 8}}};
-        auto n = numbers.find(tag);
-        if (n != numbers.end()) {
-            f.type = n->second.first;
-            f.size = n->second.second;
-        } else {
-            f.type = TemplateField::Text;
-            const int maxlen = attrs.count("maxlen") && !attrs["maxlen"].empty() ? std::atoi(attrs["maxlen"].c_str()) : 64;
-            f.size = maxlen + 1;
-        }
-        if (attrs["price"] == "1") {
-            f.price = true;
-            f.size = 8;
-        }
-        if (f.id == 11) f.size = 9;
-        return f;
-    }
-
-    std::map<int, TemplateLayout> m_packages;
-};
-
 // One value of a record as JSON (null for a missing value).
 std::string TemplateValue(const TemplateField& f, const char* slot) {
     auto number = [&](auto v) {
@@ -569,12 +314,7 @@ public:
     // login itself; the answer comes as OnLoginAnswer.
     void OnFrontLinked() override {
         Push(Event(Event::Linked));
-        COrvexWiraReqUserLoginField req;
-        std::memset(&req, 0, sizeof(req));
-        std::snprintf(req.BrokerID, sizeof(req.BrokerID), "%s", m_options.broker.c_str());
-        std::snprintf(req.UserID, sizeof(req.UserID), "%s", m_options.user.c_str());
-        std::snprintf(req.Password, sizeof(req.Password), "%s", m_options.password.c_str());
-        m_api->ReqUserLogin(&req, NextRequestId());
+        SendLogin(m_api, m_options, NextRequestId());
     }
 
     // The connection is gone; the library reconnects by itself (every 10 s)
@@ -597,18 +337,10 @@ public:
         Push(e);
         if (e.code != 0) return;
 
-        if (!m_options.subscriptions.empty()) {
-            std::vector<char*> ids;
-            for (const std::string& s : m_options.subscriptions) ids.push_back(const_cast<char*>(s.c_str()));
-            m_api->SubscribeMarketData(ids.data(), static_cast<int>(ids.size()));
-        }
+        SendSubscriptions(m_api, m_options);
         if (m_queried.exchange(true)) return;   // query once per run
-        for (const std::string& exchange : m_options.queries) {
-            COrvexWiraQryInstrumentField query;
-            std::memset(&query, 0, sizeof(query));
-            std::snprintf(query.ExchangeID, sizeof(query.ExchangeID), "%s", exchange.c_str());
-            m_api->ReqQryInstrument(&query, NextRequestId());
-        }
+        const int first = m_requestId.fetch_add(static_cast<int>(m_options.queries.size())) + 1;
+        SendQueries(m_api, m_options, first);
     }
 
     // One instrument per call; pInstrument is null on an error answer.
@@ -1009,7 +741,7 @@ int main(int argc, char** argv) {
 
     // Configuration files are read from the working directory, so they are
     // written before the API object exists.
-    if (options.writeConfig && !WriteConfig(options)) {
+    if (options.writeConfig && !WriteConfig(options, "md-console")) {
         std::fprintf(stderr, "md-console: cannot write the configuration files here\n");
         return 1;
     }

@@ -1,0 +1,161 @@
+#include "journal/JournalFormat.h"
+
+namespace orvex {
+namespace journal {
+
+namespace {
+
+constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
+
+inline uint64_t Load64(const unsigned char* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+inline uint64_t Rotl(uint64_t v, int r) { return (v << r) | (v >> (64 - r)); }
+inline uint64_t Mix(uint64_t h, uint64_t w) { return Rotl((h ^ w) * kMul, 29); }
+
+uint32_t Finish(uint64_t a, uint64_t b, uint64_t c, uint64_t d, size_t size) {
+    uint64_t x = a ^ Rotl(b, 17) ^ Rotl(c, 31) ^ Rotl(d, 47) ^ (static_cast<uint64_t>(size) * kMul);
+    x ^= x >> 31;
+    x *= 0xBF58476D1CE4E5B9ull;
+    x ^= x >> 29;
+    x *= 0x94D049BB133111EBull;
+    x ^= x >> 32;
+    return static_cast<uint32_t>(x);
+}
+
+void Put16(unsigned char* p, uint16_t v) { std::memcpy(p, &v, 2); }
+uint16_t Get16(const unsigned char* p) {
+    uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+
+}  // namespace
+
+const char* KindName(uint16_t kind) {
+    switch (kind) {
+        case kDepth: return "depth";
+        case kStatus: return "status";
+        case kInstrument: return "instrument";
+        case kLogin: return "login";
+        case kTemplate: return "template";
+        case kLinked: return "linked";
+        case kLost: return "lost";
+        case kTemplates: return "templates";
+        default: return nullptr;
+    }
+}
+
+uint16_t KindOf(const std::string& name) {
+    for (uint16_t k = kDepth; k <= kTemplates; ++k)
+        if (name == KindName(k)) return k;
+    return 0;
+}
+
+// Four independent lanes so that the multiplications overlap; the payload's
+// last partial word is read zero-padded.
+uint32_t EntryCheck(const unsigned char* head16, const unsigned char* payload, size_t size) {
+    uint64_t a = 0x243F6A8885A308D3ull ^ Load64(head16);
+    uint64_t b = 0x13198A2E03707344ull ^ Load64(head16 + 8);
+    uint64_t c = 0xA4093822299F31D0ull, d = 0x082EFA98EC4E6C89ull;
+    size_t i = 0;
+    for (; i + 32 <= size; i += 32) {
+        a = Mix(a, Load64(payload + i));
+        b = Mix(b, Load64(payload + i + 8));
+        c = Mix(c, Load64(payload + i + 16));
+        d = Mix(d, Load64(payload + i + 24));
+    }
+    uint64_t* lanes[4] = {&a, &b, &c, &d};
+    int lane = 0;
+    for (; i + 8 <= size; i += 8, lane = (lane + 1) & 3) *lanes[lane] = Mix(*lanes[lane], Load64(payload + i));
+    if (i < size) {
+        unsigned char tail[8] = {0};
+        std::memcpy(tail, payload + i, size - i);
+        *lanes[lane] = Mix(*lanes[lane], Load64(tail));
+    }
+    return Finish(a, b, c, d, size);
+}
+
+void EncodeHeader(const FileHeader& h, unsigned char out[kHeaderSize]) {
+    std::memset(out, 0, kHeaderSize);
+    std::memcpy(out, kMagic, 8);
+    Put16(out + 8, h.version);
+    Put16(out + 10, static_cast<uint16_t>(kHeaderSize));
+    Put16(out + 12, static_cast<uint16_t>(kEntryHeadSize));
+    Put16(out + 14, h.depthSize);
+    Put16(out + 16, h.statusSize);
+    Put16(out + 18, h.instrumentSize);
+    Put16(out + 20, h.loginSize);
+    Put16(out + 22, h.infoSize);
+    std::memcpy(out + 24, h.tradingDay, 8);
+    std::memcpy(out + 40, &h.startTime, 8);
+    const uint32_t check = EntryCheck(out, out + 16, 32);
+    std::memcpy(out + 48, &check, 4);
+}
+
+bool DecodeHeader(const unsigned char* data, size_t size, FileHeader* h, std::string* error) {
+    auto fail = [&](const std::string& why) {
+        if (error) *error = why;
+        return false;
+    };
+    if (size < kHeaderSize || std::memcmp(data, kMagic, 8) != 0) return fail("not a tick journal");
+    h->version = Get16(data + 8);
+    if (h->version != kJournalVersion)
+        return fail("journal format version " + std::to_string(h->version) + " is not supported (this build reads version " +
+                    std::to_string(kJournalVersion) + ")");
+    uint32_t check;
+    std::memcpy(&check, data + 48, 4);
+    if (check != EntryCheck(data, data + 16, 32) || Get16(data + 10) != kHeaderSize || Get16(data + 12) != kEntryHeadSize)
+        return fail("damaged journal header");
+    h->depthSize = Get16(data + 14);
+    h->statusSize = Get16(data + 16);
+    h->instrumentSize = Get16(data + 18);
+    h->loginSize = Get16(data + 20);
+    h->infoSize = Get16(data + 22);
+    const FileHeader ours;
+    if (h->depthSize != ours.depthSize || h->statusSize != ours.statusSize || h->instrumentSize != ours.instrumentSize ||
+        h->loginSize != ours.loginSize || h->infoSize != ours.infoSize)
+        return fail("journal records have other sizes than this build's (depth " + std::to_string(h->depthSize) + ", not " +
+                    std::to_string(ours.depthSize) + ")");
+    std::memcpy(h->tradingDay, data + 24, 8);
+    h->tradingDay[8] = '\0';
+    std::memcpy(&h->startTime, data + 40, 8);
+    return true;
+}
+
+void EncodeEntryHead(const EntryHead& e, unsigned char out[kEntryHeadSize]) {
+    std::memcpy(out, &e.size, 4);
+    std::memcpy(out + 4, &e.kind, 2);
+    std::memcpy(out + 6, &e.aux, 2);
+    std::memcpy(out + 8, &e.time, 8);
+    std::memset(out + 16, 0, 8);
+}
+
+void SealEntry(unsigned char* entry) {
+    uint32_t size;
+    std::memcpy(&size, entry, 4);
+    const uint32_t check = EntryCheck(entry, entry + kEntryHeadSize, size);
+    std::memcpy(entry + 16, &check, 4);
+}
+
+bool EntryIsWhole(const unsigned char* entry) {
+    uint32_t size, check, zero;
+    std::memcpy(&size, entry, 4);
+    std::memcpy(&check, entry + 16, 4);
+    std::memcpy(&zero, entry + 20, 4);
+    return zero == 0 && check == EntryCheck(entry, entry + kEntryHeadSize, size);
+}
+
+std::string DayFileName(const std::string& dir, const std::string& day) {
+    std::string path = dir.empty() ? std::string(".") : dir;
+    if (path.back() != '/') path += '/';
+    return path + day + kFileSuffix;
+}
+
+static_assert(kInstrumentPayload == 328, "instrument answer payload");
+static_assert(kLoginPayload == 244, "login answer payload");
+
+}  // namespace journal
+}  // namespace orvex

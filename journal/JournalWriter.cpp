@@ -1,0 +1,350 @@
+#include "journal/JournalWriter.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "journal/JournalReader.h"
+
+namespace orvex {
+namespace journal {
+
+namespace {
+
+// Switching days travels in the queue as an entry of this kind; it is never
+// written to a file.
+constexpr uint16_t kDayMark = 0xFFFF;
+// Room that only day marks may use, so that one always fits.
+constexpr size_t kMarkRoom = 1024;
+// Entries waiting for the first trading day.
+constexpr size_t kEarlyLimit = 1u << 20;
+
+bool PowerOfTen(uint64_t n) {
+    while (n >= 10 && n % 10 == 0) n /= 10;
+    return n == 1;
+}
+
+}  // namespace
+
+int64_t WallNanos() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+JournalWriter::JournalWriter(Options options) : m_options(std::move(options)) {
+    if (m_options.queueBytes < 2 * kMarkRoom + 64 * 1024) m_options.queueBytes = 2 * kMarkRoom + 64 * 1024;
+    // Two buffers of half the bound: one fills while the other is written.
+    m_half = m_options.queueBytes / 2;
+    m_stats.queueBytes = m_options.queueBytes;
+}
+
+JournalWriter::~JournalWriter() { Close(); }
+
+void JournalWriter::Log(const std::string& line) {
+    if (m_options.log) m_options.log(line);
+    else std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+bool JournalWriter::Start(std::string* error) {
+    if (m_started) return true;
+    if (mkdir(m_options.dir.c_str(), 0775) != 0 && errno != EEXIST) {
+        if (error) *error = m_options.dir + ": " + std::strerror(errno);
+        return false;
+    }
+    struct stat st;
+    if (stat(m_options.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        if (error) *error = m_options.dir + ": not a directory";
+        return false;
+    }
+    m_buf.reset(new unsigned char[m_half]);
+    m_spare.reset(new unsigned char[m_half]);
+    m_started = true;
+    m_thread = std::thread([this] { Run(); });
+    return true;
+}
+
+bool JournalWriter::Add(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size) {
+    const size_t need = kEntryHeadSize + size;
+    bool wake = false;
+    uint64_t dropped = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_started || m_stop || size > kMaxPayload || m_used + need > m_half - kMarkRoom) {
+            dropped = ++m_stats.dropped;
+            m_stats.droppedBytes += need;
+        } else {
+            unsigned char* p = m_buf.get() + m_used;
+            EntryHead h;
+            h.size = size;
+            h.kind = kind;
+            h.aux = aux;
+            h.time = time;
+            EncodeEntryHead(h, p);
+            if (size) std::memcpy(p + kEntryHeadSize, payload, size);
+            m_used += need;
+            if (m_used > m_stats.highWater) m_stats.highWater = m_used;
+            if (!m_woken && (m_options.flushMs == 0 || m_used >= m_half / 2)) wake = m_woken = true;
+        }
+    }
+    if (wake) m_wake.notify_one();
+    if (dropped) {
+        // The first drop and then each power of ten, so that a long stall
+        // does not flood the log.
+        if (PowerOfTen(dropped))
+            Log("journal queue full: " + std::to_string(dropped) + " entries dropped so far (queue " +
+                std::to_string(m_options.queueBytes) + " bytes)");
+        return false;
+    }
+    return true;
+}
+
+void JournalWriter::SetTradingDay(const std::string& day) {
+    if (day.empty()) return;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_started || m_stop || day == m_lastDay) return;
+        if (m_used + kEntryHeadSize + 8 > m_half) {
+            ++m_stats.dropped;
+            return;
+        }
+        m_lastDay = day;
+        char text[8] = {0};
+        std::memcpy(text, day.data(), day.size() < 8 ? day.size() : 8);
+        unsigned char* p = m_buf.get() + m_used;
+        EntryHead h;
+        h.size = 8;
+        h.kind = kDayMark;
+        EncodeEntryHead(h, p);
+        std::memcpy(p + kEntryHeadSize, text, 8);
+        m_used += kEntryHeadSize + 8;
+        m_woken = true;
+    }
+    m_wake.notify_one();
+}
+
+void JournalWriter::Close() {
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_started || m_stop) return;
+        m_stop = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+}
+
+JournalWriter::Stats JournalWriter::GetStats() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_stats;
+}
+
+void JournalWriter::Run() {
+    for (;;) {
+        size_t used = 0;
+        bool stop = false;
+        {
+            std::unique_lock<std::mutex> lock(m_lock);
+            if (m_options.flushMs > 0)
+                m_wake.wait_for(lock, std::chrono::milliseconds(m_options.flushMs), [&] { return m_woken || m_stop; });
+            else
+                m_wake.wait(lock, [&] { return m_woken || m_stop; });
+            m_woken = false;
+            stop = m_stop;
+            used = m_used;
+            m_used = 0;
+            m_buf.swap(m_spare);
+        }
+        if (used) Process(m_spare.get(), used);
+        if (stop) break;
+    }
+    // Entries that never saw a trading day go to today's file.
+    if (m_fd < 0 && !m_early.empty()) {
+        const time_t now = time(nullptr);
+        struct tm local;
+        localtime_r(&now, &local);
+        char day[48];
+        std::snprintf(day, sizeof(day), "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+        OpenDay(day);
+    }
+    CloseFile();
+}
+
+// Seals the entries of one batch and writes them, switching files at day
+// marks.
+void JournalWriter::Process(unsigned char* data, size_t size) {
+    size_t runStart = 0, pos = 0;
+    uint64_t runEntries = 0;
+    while (pos < size) {
+        const EntryHead h = DecodeEntryHead(data + pos);
+        const size_t length = kEntryHeadSize + h.size;
+        if (h.kind == kDayMark) {
+            WriteRun(data + runStart, pos - runStart, runEntries);
+            const std::string day(reinterpret_cast<const char*>(data + pos + kEntryHeadSize),
+                                  strnlen(reinterpret_cast<const char*>(data + pos + kEntryHeadSize), 8));
+            if (day != m_day) OpenDay(day);
+            runStart = pos + length;
+            runEntries = 0;
+        } else {
+            SealEntry(data + pos);
+            ++runEntries;
+        }
+        pos += length;
+    }
+    WriteRun(data + runStart, pos - runStart, runEntries);
+    if (m_options.sync && m_fd >= 0) fdatasync(m_fd);
+}
+
+void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t entries) {
+    if (!size) return;
+    if (m_fd < 0 && !m_day.empty()) {
+        // The day's file could not be opened (logged then): counted as lost.
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_stats.dropped += entries;
+        m_stats.droppedBytes += size;
+        return;
+    }
+    if (m_fd < 0) {
+        if (m_early.size() + size > kEarlyLimit) {
+            {
+                std::lock_guard<std::mutex> lock(m_lock);
+                m_stats.dropped += entries;
+                m_stats.droppedBytes += size;
+            }
+            Log("journal: no trading day known yet and " + std::to_string(kEarlyLimit) +
+                " bytes already waiting: " + std::to_string(entries) + " entries dropped");
+            return;
+        }
+        m_early.insert(m_early.end(), data, data + size);
+        m_earlyEntries += entries;
+        return;
+    }
+    if (WriteAll(data, size)) {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_stats.entries += entries;
+        m_stats.bytes += size;
+    } else {
+        bool first;
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            first = m_stats.writeErrors++ == 0;
+            m_stats.dropped += entries;
+            m_stats.droppedBytes += size;
+        }
+        if (first) Log("journal: cannot write " + m_stats.file + ": " + std::strerror(errno) + "; entries are dropped");
+    }
+}
+
+bool JournalWriter::WriteAll(const unsigned char* data, size_t size) {
+    while (size) {
+        const ssize_t n = ::write(m_fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void JournalWriter::CloseFile() {
+    if (m_fd >= 0) {
+        if (m_options.sync) fdatasync(m_fd);
+        ::close(m_fd);
+    }
+    m_fd = -1;
+}
+
+void JournalWriter::OpenDay(const std::string& day) {
+    CloseFile();
+    m_day = day;
+    std::string path;
+    for (int n = 1; n < 100 && m_fd < 0; ++n) {
+        path = n == 1 ? DayFileName(m_options.dir, day) : DayFileName(m_options.dir, day + "." + std::to_string(n));
+        struct stat st;
+        const bool exists = stat(path.c_str(), &st) == 0;
+        if (exists && st.st_size >= static_cast<off_t>(kHeaderSize)) {
+            FileHeader header;
+            uint64_t end = 0, fileSize = 0;
+            std::string error;
+            if (!FindWholeEnd(path, &header, &end, &fileSize, &error)) {
+                Log("journal: cannot append to " + error + "; trying the next name");
+                continue;
+            }
+            const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+            if (fd < 0) {
+                Log("journal: cannot open " + path + ": " + std::strerror(errno));
+                continue;
+            }
+            if (end < fileSize) {
+                if (ftruncate(fd, static_cast<off_t>(end)) != 0) {
+                    Log("journal: cannot cut the torn tail of " + path + ": " + std::strerror(errno));
+                    ::close(fd);
+                    continue;
+                }
+                Log("journal: " + path + ": cut " + std::to_string(fileSize - end) + " bytes of a torn tail at offset " +
+                    std::to_string(end));
+                std::lock_guard<std::mutex> lock(m_lock);
+                m_stats.tornBytes += fileSize - end;
+            }
+            lseek(fd, static_cast<off_t>(end), SEEK_SET);
+            m_fd = fd;
+            Log("journal: appending to " + path + " at offset " + std::to_string(end));
+        } else {
+            const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            if (fd < 0) {
+                Log("journal: cannot create " + path + ": " + std::strerror(errno));
+                continue;
+            }
+            m_fd = fd;
+            FileHeader header;
+            std::snprintf(header.tradingDay, sizeof(header.tradingDay), "%s", day.c_str());
+            header.startTime = WallNanos();
+            unsigned char head[kHeaderSize];
+            EncodeHeader(header, head);
+            bool ok = WriteAll(head, sizeof(head));
+            uint64_t bytes = sizeof(head), entries = 0;
+            if (ok && !m_options.templatesText.empty() && m_options.templatesText.size() <= kMaxPayload) {
+                std::vector<unsigned char> entry(kEntryHeadSize + m_options.templatesText.size());
+                EntryHead h;
+                h.size = static_cast<uint32_t>(m_options.templatesText.size());
+                h.kind = kTemplates;
+                h.time = header.startTime;
+                EncodeEntryHead(h, entry.data());
+                std::memcpy(entry.data() + kEntryHeadSize, m_options.templatesText.data(), h.size);
+                SealEntry(entry.data());
+                ok = WriteAll(entry.data(), entry.size());
+                bytes += entry.size();
+                entries = 1;
+            }
+            if (!ok) Log("journal: cannot write " + path + ": " + std::strerror(errno));
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_stats.bytes += bytes;
+            m_stats.entries += entries;
+        }
+    }
+    if (m_fd < 0) {
+        Log("journal: no file can be written for trading day " + day + "; entries are dropped until the next day");
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        ++m_stats.files;
+        m_stats.file = path;
+    }
+    if (!m_early.empty()) {
+        std::vector<unsigned char> early;
+        early.swap(m_early);
+        WriteRun(early.data(), early.size(), m_earlyEntries);
+        m_earlyEntries = 0;
+    }
+}
+
+}  // namespace journal
+}  // namespace orvex

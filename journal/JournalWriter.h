@@ -1,0 +1,117 @@
+// Writing journal files: a bounded queue in memory and a writer thread.
+//
+// Add() is called on the library's callback threads. It copies the entry
+// into the queue under a short lock and returns; it never touches the disk.
+// The writer thread takes the whole queue at a time, seals the entries
+// (their checks) and writes them to the current trading day's file. When
+// the queue is full an entry is dropped, counted and logged, never lost in
+// silence.
+//
+// Files: DIR/DAY.mdj, one per trading day, switched by SetTradingDay at the
+// point of the stream where it was called. Entries added before any trading
+// day is known wait in memory for the first one. A file that already exists
+// is appended to after its last whole entry; a torn tail is cut first (and
+// logged). A file this build cannot append to (another format version) is
+// left alone and DAY.2.mdj, DAY.3.mdj, ... is used instead.
+//
+// Flush policy: with flushMs 0 the writer is woken for every entry, so an
+// entry reaches the OS as soon as the writer runs; otherwise at least every
+// flushMs milliseconds (and sooner when the queue is half full). With sync,
+// every write is followed by fdatasync, for power loss; without it a killed
+// process loses only what had not reached the OS.
+#ifndef ORVEX_JOURNAL_WRITER_H
+#define ORVEX_JOURNAL_WRITER_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "journal/JournalFormat.h"
+
+namespace orvex {
+namespace journal {
+
+class JournalWriter {
+public:
+    struct Options {
+        std::string dir = ".";
+        size_t queueBytes = 64u << 20;   // bound of what waits for the writer thread
+        int flushMs = 20;                // 0: every entry
+        bool sync = false;               // fdatasync after every write
+        std::string templatesText;       // written at the start of every new file
+        std::function<void(const std::string&)> log;   // log lines; stderr when empty
+    };
+    struct Stats {
+        uint64_t entries = 0;        // written to files
+        uint64_t bytes = 0;          // written to files, headers included
+        uint64_t dropped = 0;        // entries dropped: queue full, write errors
+        uint64_t droppedBytes = 0;
+        uint64_t highWater = 0;      // most bytes ever waiting in the queue
+        uint64_t queueBytes = 0;     // the bound
+        uint64_t files = 0;          // files opened
+        uint64_t tornBytes = 0;      // cut from torn tails before appending
+        uint64_t writeErrors = 0;
+        std::string file;            // the current file
+    };
+
+    explicit JournalWriter(Options options);
+    ~JournalWriter();
+    JournalWriter(const JournalWriter&) = delete;
+    JournalWriter& operator=(const JournalWriter&) = delete;
+
+    // Creates the directory when missing and starts the writer thread.
+    bool Start(std::string* error);
+    // Any thread. False when the entry was dropped (queue full or too big).
+    bool Add(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size);
+    // Any thread: entries added from now on belong to trading day `day`
+    // (YYYYMMDD); a day other than the current one starts a new file.
+    void SetTradingDay(const std::string& day);
+    // Writes everything queued, closes the file and ends the thread.
+    void Close();
+
+    Stats GetStats() const;
+
+private:
+    void Run();
+    void Process(unsigned char* data, size_t size);
+    void WriteRun(const unsigned char* data, size_t size, uint64_t entries);
+    void OpenDay(const std::string& day);
+    void CloseFile();
+    bool WriteAll(const unsigned char* data, size_t size);
+    void Log(const std::string& line);
+
+    Options m_options;
+    size_t m_half = 0;
+
+    // Shared with the callback threads, under m_lock.
+    mutable std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::unique_ptr<unsigned char[]> m_buf;
+    size_t m_used = 0;
+    bool m_woken = false;
+    bool m_stop = false;
+    Stats m_stats;
+    std::string m_lastDay;   // of the last SetTradingDay
+
+    // Writer thread only.
+    std::unique_ptr<unsigned char[]> m_spare;
+    std::vector<unsigned char> m_early;   // entries before the first trading day
+    uint64_t m_earlyEntries = 0;
+    std::string m_day;
+    int m_fd = -1;
+    std::thread m_thread;
+    bool m_started = false;
+};
+
+// Wall-clock time in nanoseconds since the epoch.
+int64_t WallNanos();
+
+}  // namespace journal
+}  // namespace orvex
+
+#endif
