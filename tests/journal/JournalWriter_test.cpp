@@ -1,0 +1,323 @@
+// The journal writer and reader together: entries come back byte for byte
+// and in order, days go to their own files, a torn tail is read up to the
+// last whole entry and cut before appending, a full queue is counted, and a
+// journal of another format version is refused with a clear message.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "journal/JournalFormat.h"
+#include "journal/JournalReader.h"
+#include "journal/JournalWriter.h"
+#include "support/JournalKit.h"
+#include "support/RecordingSpi.h"
+
+namespace {
+
+using namespace orvex::journal;
+using orvex_test::FileBytes;
+using orvex_test::MakeDepth;
+using orvex_test::OwnedEntry;
+using orvex_test::ReadJournal;
+using orvex_test::ScopedTempDir;
+using orvex_test::WriteBytes;
+
+struct Written {
+    uint16_t kind;
+    uint16_t aux;
+    int64_t time;
+    std::string payload;
+};
+
+JournalWriter::Options Quiet(const std::string& dir, std::vector<std::string>* log = nullptr) {
+    JournalWriter::Options o;
+    o.dir = dir;
+    o.flushMs = 5;
+    o.log = [log](const std::string& line) {
+        if (log) log->push_back(line);
+    };
+    return o;
+}
+
+std::string DepthBytes(int seq, const char* day = "20250102") {
+    const COrvexWiraDepthMarketDataField d = MakeDepth("cu2501", "SHFE", seq, day);
+    return std::string(reinterpret_cast<const char*>(&d), sizeof(d));
+}
+
+void ExpectSame(const std::vector<Written>& want, const std::vector<OwnedEntry>& got) {
+    ASSERT_EQ(want.size(), got.size());
+    for (size_t i = 0; i < want.size(); ++i) {
+        EXPECT_EQ(want[i].kind, got[i].kind) << i;
+        EXPECT_EQ(want[i].aux, got[i].aux) << i;
+        EXPECT_EQ(want[i].time, got[i].time) << i;
+        EXPECT_EQ(want[i].payload, got[i].payload) << i;
+    }
+}
+
+TEST(JournalWriter, EntriesReadBackByteForByteInOrder) {
+    ScopedTempDir tmp;
+    JournalWriter w(Quiet("j"));
+    ASSERT_TRUE(w.Start(nullptr));
+    std::vector<Written> want;
+    auto add = [&](uint16_t kind, uint16_t aux, const std::string& payload) {
+        const int64_t t = 1735779600000000000 + static_cast<int64_t>(want.size()) * 1000;
+        ASSERT_TRUE(w.Add(kind, aux, t, payload.data(), static_cast<uint32_t>(payload.size())));
+        want.push_back({kind, aux, t, payload});
+    };
+    add(kLinked, 0, "");   // before any trading day: waits for the first
+    w.SetTradingDay("20250102");
+    add(kLogin, 0, std::string(kLoginPayload, 'L'));
+    for (int i = 0; i < 1000; ++i) add(kDepth, 0, DepthBytes(i));
+    add(kTemplate, 901, std::string(100, '\x7f'));
+    add(kLost, 0, std::string("\x01\x10\x00\x00", 4));
+    w.Close();
+    const JournalWriter::Stats s = w.GetStats();
+    EXPECT_EQ(want.size(), s.entries);
+    EXPECT_EQ(0u, s.dropped);
+    EXPECT_EQ(1u, s.files);
+
+    uint64_t torn = 99;
+    std::string error;
+    const std::vector<OwnedEntry> got = ReadJournal("j/20250102.mdj", &torn, &error);
+    EXPECT_EQ("", error);
+    EXPECT_EQ(0u, torn);
+    ExpectSame(want, got);
+    EXPECT_EQ(s.bytes, FileBytes("j/20250102.mdj").size());
+
+    JournalReader r;
+    ASSERT_TRUE(r.Open("j/20250102.mdj", &error));
+    EXPECT_STREQ("20250102", r.Header().tradingDay);
+    EXPECT_EQ(kJournalVersion, r.Header().version);
+    EXPECT_EQ(408, r.Header().depthSize);
+}
+
+TEST(JournalWriter, TemplatesTextOpensEveryFileAndDaysGetTheirOwnFiles) {
+    ScopedTempDir tmp;
+    JournalWriter::Options o = Quiet("j");
+    o.templatesText = "<qxpackets/>";
+    JournalWriter w(o);
+    ASSERT_TRUE(w.Start(nullptr));
+    w.SetTradingDay("20250102");
+    const std::string a = DepthBytes(1, "20250102"), b = DepthBytes(2, "20250103");
+    w.Add(kDepth, 0, 1, a.data(), 408);
+    w.SetTradingDay("20250102");   // the same day again: no new file
+    w.Add(kDepth, 0, 2, a.data(), 408);
+    w.SetTradingDay("20250103");
+    w.Add(kDepth, 0, 3, b.data(), 408);
+    w.Close();
+    EXPECT_EQ(2u, w.GetStats().files);
+
+    const std::vector<OwnedEntry> day1 = ReadJournal("j/20250102.mdj");
+    const std::vector<OwnedEntry> day2 = ReadJournal("j/20250103.mdj");
+    ASSERT_EQ(3u, day1.size());
+    ASSERT_EQ(2u, day2.size());
+    EXPECT_EQ(kTemplates, day1[0].kind);
+    EXPECT_EQ("<qxpackets/>", day1[0].payload);
+    EXPECT_EQ(kTemplates, day2[0].kind);
+    EXPECT_EQ(2, day1[2].time);
+    EXPECT_EQ(b, day2[1].payload);
+
+    std::string error;
+    const std::vector<std::string> files = JournalFiles("j", &error);
+    ASSERT_EQ(2u, files.size());
+    EXPECT_EQ("j/20250102.mdj", files[0]);
+    EXPECT_EQ("j/20250103.mdj", files[1]);
+}
+
+// Every cut of the last entry, and tails of zeros or garbage, read back to
+// the entries before it; a writer opening the day cuts the tail (and says
+// so) and appends after it.
+TEST(JournalWriter, TornTailsReadToLastWholeEntryAndAreCutBeforeAppending) {
+    ScopedTempDir tmp;
+    {
+        JournalWriter w(Quiet("j"));
+        ASSERT_TRUE(w.Start(nullptr));
+        w.SetTradingDay("20250102");
+        for (int i = 0; i < 3; ++i) {
+            const std::string d = DepthBytes(i);
+            w.Add(kDepth, 0, 100 + i, d.data(), 408);
+        }
+        w.Close();
+    }
+    const std::string whole = FileBytes("j/20250102.mdj");
+    const size_t lastStart = whole.size() - (kEntryHeadSize + 408);
+    for (size_t cut = lastStart; cut < whole.size(); cut += 7) {
+        WriteBytes("cut.mdj", whole.substr(0, cut));
+        uint64_t torn = 0;
+        EXPECT_EQ(2u, ReadJournal("cut.mdj", &torn).size()) << cut;
+        EXPECT_EQ(cut - lastStart, torn) << cut;
+    }
+    // A power loss may leave the file longer, with zeros or stale bytes.
+    WriteBytes("zeros.mdj", whole.substr(0, lastStart + 30) + std::string(4096, '\0'));
+    EXPECT_EQ(2u, ReadJournal("zeros.mdj").size());
+    std::string flipped = whole;
+    flipped[lastStart + kEntryHeadSize + 200] ^= 0x40;   // one bit of the last record
+    WriteBytes("flipped.mdj", flipped);
+    EXPECT_EQ(2u, ReadJournal("flipped.mdj").size());
+    std::string hugeSize = whole;
+    hugeSize[lastStart + 3] = '\x7f';   // a size far beyond the file
+    WriteBytes("huge.mdj", hugeSize);
+    EXPECT_EQ(2u, ReadJournal("huge.mdj").size());
+
+    // Restart on the same day: the tail is cut, new entries follow.
+    WriteBytes("j/20250102.mdj", whole.substr(0, lastStart + 100));
+    std::vector<std::string> log;
+    {
+        JournalWriter w(Quiet("j", &log));
+        ASSERT_TRUE(w.Start(nullptr));
+        w.SetTradingDay("20250102");
+        const std::string d = DepthBytes(9);
+        w.Add(kDepth, 0, 900, d.data(), 408);
+        w.Close();
+        EXPECT_EQ(100u, w.GetStats().tornBytes);
+    }
+    uint64_t torn = 1;
+    const std::vector<OwnedEntry> got = ReadJournal("j/20250102.mdj", &torn);
+    EXPECT_EQ(0u, torn);
+    ASSERT_EQ(3u, got.size());
+    EXPECT_EQ(100, got[0].time);
+    EXPECT_EQ(101, got[1].time);
+    EXPECT_EQ(900, got[2].time);
+    EXPECT_EQ(whole.substr(0, lastStart), FileBytes("j/20250102.mdj").substr(0, lastStart));
+    bool said = false;
+    for (const std::string& line : log) said = said || line.find("cut 100 bytes of a torn tail") != std::string::npos;
+    EXPECT_TRUE(said);
+}
+
+TEST(JournalWriter, OtherFormatVersionsAreRefusedClearly) {
+    ScopedTempDir tmp;
+    {
+        JournalWriter w(Quiet("j"));
+        ASSERT_TRUE(w.Start(nullptr));
+        w.SetTradingDay("20250102");
+        const std::string d = DepthBytes(1);
+        w.Add(kDepth, 0, 1, d.data(), 408);
+        w.Close();
+    }
+    const std::string whole = FileBytes("j/20250102.mdj");
+    for (uint16_t version : {uint16_t(0), uint16_t(2), uint16_t(0x0100)}) {
+        std::string other = whole;
+        std::memcpy(&other[8], &version, 2);
+        WriteBytes("other.mdj", other);
+        JournalReader r;
+        std::string error;
+        EXPECT_FALSE(r.Open("other.mdj", &error));
+        EXPECT_NE(std::string::npos, error.find("journal format version " + std::to_string(version) + " is not supported"))
+            << error;
+        EXPECT_NE(std::string::npos, error.find("reads version 1")) << error;
+    }
+    std::string error;
+    WriteBytes("text.mdj", std::string(100, 'x'));
+    JournalReader r;
+    EXPECT_FALSE(r.Open("text.mdj", &error));
+    EXPECT_NE(std::string::npos, error.find("not a tick journal")) << error;
+    std::string damaged = whole;
+    damaged[30] = 'X';   // inside the trading day, covered by the header check
+    WriteBytes("damaged.mdj", damaged);
+    EXPECT_FALSE(r.Open("damaged.mdj", &error));
+    EXPECT_NE(std::string::npos, error.find("damaged journal header")) << error;
+
+    // A writer does not append to a newer journal: it leaves it as it is and
+    // writes the day under the next name.
+    std::string newer = whole;
+    const uint16_t two = 2;
+    std::memcpy(&newer[8], &two, 2);
+    WriteBytes("j/20250102.mdj", newer);
+    std::vector<std::string> log;
+    {
+        JournalWriter w(Quiet("j", &log));
+        ASSERT_TRUE(w.Start(nullptr));
+        w.SetTradingDay("20250102");
+        const std::string d = DepthBytes(2);
+        w.Add(kDepth, 0, 2, d.data(), 408);
+        w.Close();
+    }
+    EXPECT_EQ(newer, FileBytes("j/20250102.mdj"));
+    EXPECT_EQ(1u, ReadJournal("j/20250102.2.mdj").size());
+    ASSERT_FALSE(log.empty());
+    EXPECT_NE(std::string::npos, log[0].find("version 2 is not supported")) << log[0];
+}
+
+// A queue that cannot take more drops entries and counts every one of them:
+// what was written plus what was dropped is what was added.
+TEST(JournalWriter, FullQueueDropsAreCountedAndLogged) {
+    ScopedTempDir tmp;
+    std::vector<std::string> log;
+    JournalWriter::Options o = Quiet("j", &log);
+    o.queueBytes = 0;            // raised to the smallest queue
+    o.flushMs = 60000;           // the writer wakes only when half full
+    JournalWriter w(o);
+    ASSERT_TRUE(w.Start(nullptr));
+    w.SetTradingDay("20250102");
+    const std::string d = DepthBytes(1);
+    uint64_t accepted = 0, refused = 0;
+    for (int i = 0; i < 20000; ++i) (w.Add(kDepth, 0, i, d.data(), 408) ? accepted : refused)++;
+    w.Close();
+    const JournalWriter::Stats s = w.GetStats();
+    EXPECT_GT(refused, 0u);
+    EXPECT_EQ(refused, s.dropped);
+    EXPECT_EQ(accepted, s.entries);
+    EXPECT_EQ(accepted, ReadJournal("j/20250102.mdj").size());
+    EXPECT_LE(s.highWater, s.queueBytes / 2);
+    ASSERT_FALSE(log.empty());
+    EXPECT_NE(std::string::npos, log[0].find("journal queue full: 1 entries dropped")) << log[0];
+}
+
+// Many threads adding at once (the library calls back from its worker and
+// its file-service threads): nothing lost, every entry whole.
+TEST(JournalWriter, ConcurrentProducers) {
+    ScopedTempDir tmp;
+    JournalWriter w(Quiet("j"));
+    ASSERT_TRUE(w.Start(nullptr));
+    w.SetTradingDay("20250102");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&w, t] {
+            for (int i = 0; i < 5000; ++i) {
+                const std::string d = DepthBytes(t * 10000 + i);
+                w.Add(kDepth, static_cast<uint16_t>(t), i, d.data(), 408);
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    w.Close();
+    const std::vector<OwnedEntry> got = ReadJournal("j/20250102.mdj");
+    ASSERT_EQ(20000u, got.size());
+    std::vector<int64_t> next(4, 0);
+    for (const OwnedEntry& e : got) {
+        ASSERT_LT(e.aux, 4);
+        EXPECT_EQ(next[e.aux]++, e.time);   // each producer's entries in its order
+        EXPECT_EQ(DepthBytes(e.aux * 10000 + static_cast<int>(e.time)), e.payload);
+    }
+}
+
+TEST(JournalWriter, NoTradingDayAtAllStillKeepsTheEntries) {
+    ScopedTempDir tmp;
+    JournalWriter w(Quiet("j"));
+    ASSERT_TRUE(w.Start(nullptr));
+    w.Add(kLinked, 0, 5, nullptr, 0);
+    const int32_t reason = 4099;
+    w.Add(kLost, 0, 6, &reason, 4);
+    w.Close();
+    std::string error;
+    const std::vector<std::string> files = JournalFiles("j", &error);
+    ASSERT_EQ(1u, files.size()) << error;
+    const std::vector<OwnedEntry> got = ReadJournal(files[0]);
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ(kLost, got[1].kind);
+}
+
+TEST(JournalWriter, StartFailsOnAPathThatIsNotADirectory) {
+    ScopedTempDir tmp;
+    WriteBytes("plain", "x");
+    JournalWriter w(Quiet("plain"));
+    std::string error;
+    EXPECT_FALSE(w.Start(&error));
+    EXPECT_NE(std::string::npos, error.find("not a directory")) << error;
+    EXPECT_FALSE(w.Add(kLinked, 0, 1, nullptr, 0));
+}
+
+}  // namespace
