@@ -11,6 +11,7 @@
 
 #include "OrvexWiraMdStruct.h"
 #include "journal/JournalReader.h"
+#include "journal/RecordFields.h"
 
 namespace orvex_test {
 
@@ -95,6 +96,25 @@ inline void WriteBytes(const std::string& path, const std::string& bytes) {
     if (!f) return;
     std::fwrite(bytes.data(), 1, bytes.size(), f);
     std::fclose(f);
+}
+
+// True when two records hold the same values field by field: texts up to
+// their NUL, numbers bit for bit. `which` names the first difference.
+inline bool SameFields(orvex::journal::FieldList fields, const void* a, const void* b, std::string* which = nullptr) {
+    const unsigned char* pa = static_cast<const unsigned char*>(a);
+    const unsigned char* pb = static_cast<const unsigned char*>(b);
+    for (const orvex::journal::FieldDesc& f : fields) {
+        bool same;
+        if (f.type == orvex::journal::FieldDesc::Text)
+            same = strncmp(reinterpret_cast<const char*>(pa + f.offset), reinterpret_cast<const char*>(pb + f.offset), f.size) == 0;
+        else
+            same = std::memcmp(pa + f.offset, pb + f.offset, f.size) == 0;
+        if (!same) {
+            if (which) *which = f.name;
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace orvex_test
