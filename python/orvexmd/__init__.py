@@ -29,6 +29,8 @@ that stay valid afterwards. Texts are decoded from GBK.
 import atexit
 import weakref
 
+from . import _orvexmd
+
 from ._orvexmd import (  # noqa: F401
     DBL_MAX,
     DepthMarketDataField,
@@ -47,12 +49,15 @@ __all__ = [
     "DepthMarketDataField",
     "InstrumentField",
     "MarketStatusField",
+    "Journal",
     "MdApi",
     "MdSpi",
     "QryInstrumentField",
+    "ReplayApi",
     "ReqUserLoginField",
     "RspInfoField",
     "RspUserLoginField",
+    "read_journal",
     "template_sizes",
 ]
 
@@ -61,12 +66,13 @@ _live = weakref.WeakSet()
 _NUMBER_SIZES = {"int8": 1, "int16": 2, "int32": 4, "float": 4, "double": 8}
 
 
-def template_sizes(path="./qxdctrans.xml"):
+def template_sizes(path="./qxdctrans.xml", text=None):
     """Record sizes of the template packages in the template file, by
     package id, as the library lays the records out: no padding; int8 1,
     int16 2, int32 4, float 4, double 8, text maxlen + 1 (64 when absent), a
     price 8, a field with id 11 9; an array reserves maxsize rows (10 when
-    absent). The first template of an id counts. {} without a file."""
+    absent). The first template of an id counts. {} without a file. With
+    ``text``, the file's text is given instead of its path."""
     import xml.etree.ElementTree as ET
 
     def field_size(e):
@@ -82,7 +88,7 @@ def template_sizes(path="./qxdctrans.xml"):
         return size
 
     try:
-        root = ET.parse(path).getroot()
+        root = ET.fromstring(text) if text is not None else ET.parse(path).getroot()
     except (OSError, ET.ParseError):
         return {}
     sizes = {}
@@ -109,7 +115,7 @@ class MdApi(_MdApi):
     """
 
     def __init__(self, flow_path="", deliver_snapshot=True):
-        super().__init__(flow_path, deliver_snapshot)
+        super().__init__(flow_path, deliver_snapshot, None, 0.0)
         # The template file the library has just read: OnTemplateData hands
         # over as many bytes as it lays out for the package.
         self._template_sizes = template_sizes()
@@ -126,6 +132,54 @@ class MdApi(_MdApi):
     def __exit__(self, *exc):
         self.Release()
         return False
+
+
+class ReplayApi(MdApi):
+    """The same interface fed from a tick journal that md-record wrote:
+    CreateWiraReplayApi(journal, speed). ``journal`` is a journal file or a
+    directory of them; ``speed`` 0 replays as fast as the callbacks return,
+    otherwise at the recorded pace divided by ``speed``. Join returns at the
+    end of the journal. Template records have the sizes of the template file
+    the journal carries."""
+
+    def __init__(self, journal, speed=0.0):
+        _MdApi.__init__(self, "", True, str(journal), float(speed))
+        texts = _orvexmd._read_journal_templates(str(journal))
+        self._template_sizes = template_sizes(text=texts[0]) if texts else {}
+        _live.add(self)
+
+
+class Journal:
+    """What read_journal returns.
+
+    depth: a NumPy array of JOURNAL_DEPTH_DTYPE (every depth record field
+        under its C name, and ``time``, the receive time in nanoseconds).
+    status: [(time, MarketStatusField)]
+    instrument, login: [(time, record or None, RspInfoField or None,
+        request_id, is_last)]
+    template: [(time, package_id, bytes)]
+    linked: [time]; lost: [(time, reason)]
+    templates: the template files the journal carries.
+    torn: bytes after the last whole entry (a recorder killed while writing).
+    files: the files read, in order.
+    """
+
+    def __init__(self, parts):
+        self.__dict__.update(parts)
+
+    def __repr__(self):
+        return "Journal(%d depth, %d status, %d instrument, %d login, %d template, %d linked, %d lost)" % (
+            len(self.depth), len(self.status), len(self.instrument), len(self.login), len(self.template),
+            len(self.linked), len(self.lost))
+
+
+def read_journal(path):
+    """Reads a journal file or a directory of them (in trading-day order):
+    the depth records as one NumPy structured array without a Python object
+    per record, the other kinds as lists of records. See Journal."""
+    if _np is None:  # pragma: no cover
+        raise RuntimeError("read_journal needs NumPy")
+    return Journal(_orvexmd._read_journal(str(path), JOURNAL_DEPTH_DTYPE))
 
 
 @atexit.register
@@ -161,3 +215,15 @@ if _np is not None:
     #: dtype=DEPTH_DTYPE) reads records without a Python object per record.
     DEPTH_DTYPE = _depth_dtype()
     __all__.append("DEPTH_DTYPE")
+
+    def _journal_dtype():
+        names = list(DEPTH_DTYPE.names) + ["time"]
+        formats = [DEPTH_DTYPE.fields[n][0] for n in DEPTH_DTYPE.names] + ["<i8"]
+        offsets = [DEPTH_DTYPE.fields[n][1] for n in DEPTH_DTYPE.names] + [DEPTH_DTYPE.itemsize]
+        return _np.dtype({"names": names, "formats": formats, "offsets": offsets,
+                          "itemsize": DEPTH_DTYPE.itemsize + 8})
+
+    #: A depth record of a journal: DEPTH_DTYPE and ``time``, the receive
+    #: time (int64 nanoseconds since the epoch) at offset 408.
+    JOURNAL_DEPTH_DTYPE = _journal_dtype()
+    __all__.append("JOURNAL_DEPTH_DTYPE")

@@ -7,6 +7,7 @@
 // library's threads with the GIL held only for the call; an exception in one
 // is reported as Python reports unraisable exceptions and the library goes
 // on. Release and the wait of Join run without the GIL.
+#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -24,6 +25,9 @@
 #include <vector>
 
 #include "OrvexWiraMdApi.h"
+#include "OrvexWiraMdReplay.h"
+#include "journal/JournalFormat.h"
+#include "journal/JournalReader.h"
 
 namespace py = pybind11;
 
@@ -255,9 +259,27 @@ private:
 
 class PyApi {
 public:
-    PyApi(const std::string& flowPath, bool deliverSnapshot)
-        : m_api(CreateWiraMdApi(flowPath.c_str(), false, false, deliverSnapshot)) {
-        if (!m_api) throw std::runtime_error("CreateWiraMdApi failed");
+    // The library's API object, or with a journal the replay library's
+    // (CreateWiraReplayApi(journal, speed)).
+    PyApi(const std::string& flowPath, bool deliverSnapshot, py::object journal, double speed) {
+        if (journal.is_none()) {
+            m_api = CreateWiraMdApi(flowPath.c_str(), false, false, deliverSnapshot);
+            if (!m_api) throw std::runtime_error("CreateWiraMdApi failed");
+            return;
+        }
+        const std::string path = py::str(journal);
+        std::string error;
+        std::vector<std::string> files = orvex::journal::JournalFiles(path, &error);
+        for (const std::string& f : files) {
+            orvex::journal::JournalReader r;
+            if (!r.Open(f, &error)) break;
+            error.clear();
+        }
+        if (!error.empty()) throw std::runtime_error(error);
+        if (!(speed >= 0)) throw py::value_error("speed must be 0 (as fast as possible) or more");
+        m_api = CreateWiraReplayApi(path.c_str(), speed);
+        if (!m_api) throw std::runtime_error("CreateWiraReplayApi failed for " + path);
+        m_replay = true;
     }
     ~PyApi() {
         if (!m_api) return;
@@ -278,7 +300,18 @@ public:
         std::string copy = address;
         Api()->RegisterFront(&copy[0]);
     }
-    void Init() { Api()->Init(); }
+    void Init() {
+        COrvexWiraMdApi* api = Api();
+        api->Init();
+        // A replay ends by itself: its Join returns at the end of the
+        // journal. It is waited for on a thread of its own so that the
+        // Python side can wait in slices.
+        if (m_replay && !m_joiner.joinable())
+            m_joiner = std::thread([this, api] {
+                api->Join();
+                m_ended = true;
+            });
+    }
     const char* GetTradingDay() { return Api()->GetTradingDay(); }
     int ReqUserLogin(Record<LoginReq>& req, int requestId) { return Api()->ReqUserLogin(&req.rec, requestId); }
     int ReqQryInstrument(Record<Query>& query, int requestId) { return Api()->ReqQryInstrument(&query.rec, requestId); }
@@ -289,7 +322,7 @@ public:
     // (KeyboardInterrupt) and other signals reach the caller meanwhile.
     int Join() {
         Api();
-        while (!m_released.load()) {
+        while (!m_released.load() && !m_ended.load()) {
             {
                 py::gil_scoped_release nogil;
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -319,6 +352,7 @@ private:
         std::lock_guard<std::mutex> lock(m_releaseLock);
         if (!m_api) return;
         m_api->Release();   // callbacks in flight finish: they take the GIL we let go
+        if (m_joiner.joinable()) m_joiner.join();
         m_api = nullptr;
         m_released = true;
     }
@@ -331,11 +365,128 @@ private:
         return subscribe ? api->SubscribeMarketData(p.data(), n) : api->UnSubscribeMarketData(p.data(), n);
     }
 
-    COrvexWiraMdApi* m_api;
+    COrvexWiraMdApi* m_api = nullptr;
+    bool m_replay = false;
+    std::thread m_joiner;
+    std::atomic<bool> m_ended{false};
     std::mutex m_releaseLock;
     std::atomic<bool> m_released{false};
     py::object m_spi = py::none();
 };
+
+// ---- journals ----
+
+namespace jr = orvex::journal;
+
+// The entries of a journal file or directory: depth records straight into a
+// NumPy array of `dtype` (the record at offset 0, the receive time as int64
+// at offset 408), the other kinds as lists. The files are walked without
+// the GIL; Python objects are made only for the other kinds.
+py::dict ReadJournal(const std::string& path, py::dtype dtype) {
+    if (dtype.itemsize() != static_cast<py::ssize_t>(sizeof(Depth) + 8))
+        throw py::value_error("the dtype must be 416 bytes: the depth record and the receive time");
+    std::string error;
+    const std::vector<std::string> files = jr::JournalFiles(path, &error);
+    if (files.empty()) throw std::runtime_error(error);
+    std::vector<std::unique_ptr<jr::JournalReader>> readers;
+    uint64_t bound = 0;
+    for (const std::string& f : files) {
+        auto r = std::make_unique<jr::JournalReader>();
+        if (!r->Open(f, &error)) throw std::runtime_error(error);
+        bound += r->FileSize() / (jr::kEntryHeadSize + sizeof(Depth));
+        readers.push_back(std::move(r));
+    }
+    py::array depth(dtype, std::vector<py::ssize_t>{static_cast<py::ssize_t>(bound)});
+    char* out = static_cast<char*>(depth.mutable_data());
+    struct Other {
+        uint16_t kind, aux;
+        int64_t time;
+        std::string payload;
+    };
+    std::vector<Other> others;
+    size_t n = 0;
+    uint64_t torn = 0;
+    {
+        py::gil_scoped_release nogil;
+        for (auto& r : readers) {
+            jr::Entry e;
+            while (r->Next(&e)) {
+                if (e.kind == jr::kDepth && e.size == sizeof(Depth) && n < bound) {
+                    char* row = out + n * (sizeof(Depth) + 8);
+                    std::memcpy(row, e.payload, sizeof(Depth));
+                    std::memcpy(row + sizeof(Depth), &e.time, 8);
+                    ++n;
+                } else if (e.kind != jr::kDepth) {
+                    others.push_back({e.kind, e.aux, e.time, std::string(reinterpret_cast<const char*>(e.payload), e.size)});
+                }
+            }
+            torn += r->Torn();
+        }
+    }
+    py::list status, instrument, login, templ, linked, lost, templates;
+    for (const Other& o : others) {
+        const unsigned char* p = reinterpret_cast<const unsigned char*>(o.payload.data());
+        switch (o.kind) {
+            case jr::kStatus:
+                if (o.payload.size() == sizeof(Status)) {
+                    Status st;
+                    std::memcpy(&st, p, sizeof(st));
+                    status.append(py::make_tuple(o.time, Record<Status>(st)));
+                }
+                break;
+            case jr::kInstrument:
+            case jr::kLogin: {
+                const bool isInst = o.kind == jr::kInstrument;
+                const size_t recSize = isInst ? sizeof(Instrument) : sizeof(Login);
+                if (o.payload.size() != jr::kAnswerHead + recSize + sizeof(Info)) break;
+                int32_t id;
+                std::memcpy(&id, p, 4);
+                const uint8_t flags = p[4];
+                py::object rec = py::none(), info = py::none();
+                if (flags & jr::kHasRecord) {
+                    if (isInst) {
+                        Instrument r;
+                        std::memcpy(&r, p + jr::kAnswerHead, sizeof(r));
+                        rec = py::cast(Record<Instrument>(r));
+                    } else {
+                        Login r;
+                        std::memcpy(&r, p + jr::kAnswerHead, sizeof(r));
+                        rec = py::cast(Record<Login>(r));
+                    }
+                }
+                if (flags & jr::kHasInfo) {
+                    Info r;
+                    std::memcpy(&r, p + jr::kAnswerHead + recSize, sizeof(r));
+                    info = py::cast(Record<Info>(r));
+                }
+                (isInst ? instrument : login).append(py::make_tuple(o.time, rec, info, id, (flags & jr::kIsLast) != 0));
+                break;
+            }
+            case jr::kTemplate: templ.append(py::make_tuple(o.time, o.aux, py::bytes(o.payload))); break;
+            case jr::kLinked: linked.append(o.time); break;
+            case jr::kLost: {
+                int32_t reason = 0;
+                if (o.payload.size() >= 4) std::memcpy(&reason, p, 4);
+                lost.append(py::make_tuple(o.time, reason));
+                break;
+            }
+            case jr::kTemplates: templates.append(py::str(o.payload)); break;
+            default: break;
+        }
+    }
+    py::dict result;
+    result["depth"] = depth[py::slice(0, static_cast<py::ssize_t>(n), 1)];
+    result["status"] = status;
+    result["instrument"] = instrument;
+    result["login"] = login;
+    result["template"] = templ;
+    result["linked"] = linked;
+    result["lost"] = lost;
+    result["templates"] = templates;
+    result["torn"] = torn;
+    result["files"] = files;
+    return result;
+}
 
 }  // namespace
 
@@ -408,7 +559,8 @@ PYBIND11_MODULE(_orvexmd, m) {
         .def("_set_template_sizes", &PySpi::SetTemplateSizes);
 
     py::class_<PyApi>(m, "_MdApi")
-        .def(py::init<const std::string&, bool>(), py::arg("flow_path") = "", py::arg("deliver_snapshot") = true)
+        .def(py::init<const std::string&, bool, py::object, double>(), py::arg("flow_path") = "",
+             py::arg("deliver_snapshot") = true, py::arg("journal") = py::none(), py::arg("speed") = 0.0)
         .def("RegisterSpi", &PyApi::RegisterSpi)
         .def("RegisterFront", &PyApi::RegisterFront)
         .def("Init", &PyApi::Init)
@@ -420,4 +572,22 @@ PYBIND11_MODULE(_orvexmd, m) {
         .def("UnSubscribeMarketData", &PyApi::UnSubscribeMarketData)
         .def("ReqQryInstrument", &PyApi::ReqQryInstrument)
         .def_property_readonly("released", &PyApi::Released);
+
+    m.def("_read_journal", &ReadJournal, py::arg("path"), py::arg("dtype"));
+    m.def("_read_journal_templates", [](const std::string& path) {
+        // The template files a journal carries (each file starts with one).
+        std::vector<std::string> texts, none;
+        std::string error;
+        for (const std::string& f : jr::JournalFiles(path, &error)) {
+            jr::JournalReader r;
+            if (!r.Open(f, &error)) return none;
+            jr::Entry e;
+            while (r.Next(&e)) {
+                if (e.kind != jr::kTemplates) continue;
+                texts.emplace_back(reinterpret_cast<const char*>(e.payload), e.size);
+                break;
+            }
+        }
+        return texts;
+    });
 }
