@@ -371,6 +371,9 @@ std::unique_ptr<ReplaySource> OpenJournalReplay(const std::string& path, Market*
                 }
                 const int code = StatusCodeOf(s.MarketStatus);
                 if (code >= 0) ++info->statusReports;
+                // An exchange whose status is reported has a market, with
+                // instruments or without.
+                seen[exchange] = true;
                 MarketState& m = states[exchange];
                 if (m.fromStatus || (code < 0 && (s.MarketStatus != '*' || m.fromMark))) continue;
                 m.tradingDay = NumberOf(s.TradingDay, sizeof(s.TradingDay));

@@ -4,7 +4,8 @@
 // see the recorded session once more.
 //
 // The market is built from the journal: one back-end market (the plain
-// feed's id) per exchange that has records, the instruments of its depth
+// feed's id) per exchange that has depth records or status reports, the
+// instruments of its depth
 // records, named by the recorded instrument answers when there are any, and
 // each market's trading day, status and clock from its first status report
 // ('*', the login mark, only gives the day and the clock). Records of other

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -241,8 +242,16 @@ void MarketReplay::ReadNext() {
 std::vector<MarketEvent> MarketReplay::Step(Market& market, int64_t nowMs) {
     std::vector<MarketEvent> events;
     const int64_t target = m_recordStart + (nowMs - m_replayStart);
+    std::vector<int> quoted;   // instruments changed in this batch
     while (m_havePending && m_pending.ms <= target) {
         const ReplayChange& c = m_pending;
+        if (c.type == ReplayChange::kQuote) {
+            // The sessions read the state when they push the batch: a second
+            // change of one instrument waits for the next batch, so that the
+            // clients see every recorded state, not the last one twice.
+            if (std::find(quoted.begin(), quoted.end(), c.index) != quoted.end()) return events;
+            quoted.push_back(c.index);
+        }
         market.SetClock(c.ms);
         if (c.type == ReplayChange::kQuote) {
             MarketEvent e = market.SetQuote(c.index, c.quote);
@@ -258,6 +267,10 @@ std::vector<MarketEvent> MarketReplay::Step(Market& market, int64_t nowMs) {
     }
     if (!m_havePending || target < m_pending.ms) market.SetClock(target);
     return events;
+}
+
+bool MarketReplay::Due(int64_t nowMs) const {
+    return m_havePending && m_pending.ms <= m_recordStart + (nowMs - m_replayStart);
 }
 
 }  // namespace qxsim

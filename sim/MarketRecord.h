@@ -84,7 +84,10 @@ public:
     // and its state is the one at clock `recordStartMs`.
     void Start(std::unique_ptr<ReplaySource> source, Market& market, int64_t recordStartMs, int64_t nowMs);
     // Applies the changes that are due at nowMs and returns their events.
+    // A batch holds at most one quote change per instrument; Due tells
+    // whether more changes are due, for the next batch.
     std::vector<MarketEvent> Step(Market& market, int64_t nowMs);
+    bool Due(int64_t nowMs) const;
     bool Finished() const { return m_finished; }
     uint64_t Applied() const { return m_applied; }
     // What was loaded, one line for the log.

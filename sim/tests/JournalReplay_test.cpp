@@ -330,6 +330,10 @@ protected:
         depth(kT0 + 800 * kMs, iron);
         cu.UpdateMillisec = 500;
         depth(kT0 + 1000 * kMs, cu);
+        cu.Volume += 1;
+        cu.Turnover += 74220 * 5;
+        cu.UpdateMillisec = 505;
+        depth(kT0 + 1005 * kMs, cu);
         status(kT0 + 1200 * kMs, MakeStatus("CZCE", '4', "09:30:01"));
         status(kT0 + 1250 * kMs, MakeStatus("CZCE", '2', "09:30:01"));
         sugar.LastPrice = 5891;
@@ -450,11 +454,18 @@ TEST_F(JournalReplayTest, ChangesComeDueAtTheirRecordedOffsets) {
     EXPECT_EQ(cu, events[0].index);
     EXPECT_EQ(74220, market.Instruments()[cu].quote.last);
     EXPECT_EQ(1u, replay.Step(market, start + 999).size());   // i2505 at 800 ms
-    // A record that changes only the time still goes out as a row.
-    events = replay.Step(market, start + 1000);
+    // Both later changes of cu2502 are due: they come in two batches, so
+    // that the sessions push the state of each. The first changes only the
+    // time and still goes out as a row.
+    events = replay.Step(market, start + 1005);
     ASSERT_EQ(1u, events.size());
     EXPECT_NE(0u, events[0].maskA | events[0].maskB);
     EXPECT_EQ(93000500u, market.Instruments()[cu].quote.time);
+    ASSERT_TRUE(replay.Due(start + 1005));
+    events = replay.Step(market, start + 1005);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(93000505u, market.Instruments()[cu].quote.time);
+    EXPECT_FALSE(replay.Due(start + 1005));
     // Two statuses in one reported second: the second is a millisecond later.
     events = replay.Step(market, start + 1250);
     ASSERT_EQ(2u, events.size());
@@ -466,7 +477,7 @@ TEST_F(JournalReplayTest, ChangesComeDueAtTheirRecordedOffsets) {
     EXPECT_EQ(2u, replay.Step(market, start + 3100).size());   // SR505, DCE closed; INE skipped
     EXPECT_EQ(kStatusClosed, market.Markets()[1].status);
     EXPECT_TRUE(replay.Finished());
-    EXPECT_EQ(7u, replay.Applied());
+    EXPECT_EQ(8u, replay.Applied());
 }
 
 TEST_F(JournalReplayTest, TheLibraryReportsTheRecordedRecordsAgain) {
@@ -488,9 +499,13 @@ TEST_F(JournalReplayTest, TheLibraryReportsTheRecordedRecordsAgain) {
     wire.Login();
     wire.Pump(engine);
     ASSERT_EQ(1, wire.accepted);
-    for (int64_t t = start; t <= start + 3500; t += 20) {
-        session.OnMarketEvents(replay.Step(market, t));
-        wire.Pump(engine);
+    // Steps of 20 ms, as the server makes them, placed so that the two
+    // changes of cu2502 5 ms apart fall into one step: two batches.
+    for (int64_t t = start + 7; t <= start + 3500; t += 20) {
+        do {
+            session.OnMarketEvents(replay.Step(market, t));
+            wire.Pump(engine);
+        } while (replay.Due(t));
     }
     ASSERT_TRUE(replay.Finished());
 
