@@ -257,8 +257,11 @@ uint32_t BusinessDayOnOrAfter(uint32_t ymd) {
     return (Weekday(ymd) == 0 || Weekday(ymd) == 6) ? NextBusinessDay(ymd) : ymd;
 }
 
-std::string Utf8ToGbk(const std::string& text) {
-    iconv_t cd = iconv_open("GBK", "UTF-8");
+namespace {
+
+// The text in another encoding; the text itself when it cannot be converted.
+std::string Convert(const char* to, const char* from, const std::string& text) {
+    iconv_t cd = iconv_open(to, from);
     if (cd == reinterpret_cast<iconv_t>(-1)) return text;
     std::string out(text.size() * 2 + 4, '\0');
     char* in = const_cast<char*>(text.data());
@@ -271,5 +274,11 @@ std::string Utf8ToGbk(const std::string& text) {
     out.resize(out.size() - outLeft);
     return out;
 }
+
+}  // namespace
+
+std::string Utf8ToGbk(const std::string& text) { return Convert("GBK", "UTF-8", text); }
+
+std::string GbkToUtf8(const std::string& text) { return Convert("UTF-8", "GBK", text); }
 
 }  // namespace qxsim

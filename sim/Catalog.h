@@ -70,6 +70,8 @@ uint32_t BusinessDayOnOrAfter(uint32_t ymd);
 // UTF-8 text in GBK, as the quote server writes names; the text itself
 // when it cannot be converted.
 std::string Utf8ToGbk(const std::string& text);
+// GBK text in UTF-8 (names read back from a recording).
+std::string GbkToUtf8(const std::string& text);
 
 }  // namespace qxsim
 

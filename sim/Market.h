@@ -86,6 +86,7 @@ void DiffQuotes(const QuoteState& before, const QuoteState& after, uint32_t* mas
 
 struct Instrument {
     std::string code;             // market code, also the exchange's code ("cu2501")
+    std::string exchangeCode;     // the exchange's code when it differs from `code` (replays only)
     std::string name;             // GBK display name, as the name table sends it
     std::string nameUtf8;
     Exchange exchange = Exchange::SHFE;

@@ -1,9 +1,16 @@
 #include "MarketRecord.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
+
+#include "JournalReplay.h"
 
 namespace qxsim {
 
@@ -98,37 +105,103 @@ void MarketRecorder::Close() {
     if (m_out.is_open()) m_out.close();
 }
 
+namespace {
+
+// The change lines of a text recording, read as they come due.
+class TextSource : public ReplaySource {
+public:
+    explicit TextSource(std::ifstream in) : m_in(std::move(in)) {}
+    bool Next(ReplayChange* c) override {
+        std::string line;
+        while (std::getline(m_in, line)) {
+            std::istringstream in(line);
+            std::string kind;
+            ReplayChange change;
+            in >> kind >> change.ms >> change.index;
+            if (in.fail()) continue;
+            if (kind == "quote") {
+                change.type = ReplayChange::kQuote;
+                if (!ParseQuote(in, change.quote)) continue;
+            } else if (kind == "status") {
+                int status = 0;
+                change.type = ReplayChange::kStatus;
+                in >> change.tradingDay >> status >> change.secondDay >> change.timeWord;
+                if (in.fail()) continue;
+                change.status = static_cast<uint8_t>(status);
+            } else {
+                continue;
+            }
+            *c = change;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    std::ifstream m_in;
+};
+
+}  // namespace
+
+MarketReplay::MarketReplay() = default;
+MarketReplay::~MarketReplay() = default;
+
 bool MarketReplay::Open(const std::string& path, Market* market, int64_t nowMs, std::string* error) {
-    m_in.open(path);
+    int64_t recordStart = 0;
+    std::unique_ptr<ReplaySource> source;
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        if (error) *error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (LooksLikeJournal(path)) {
+        JournalReplayInfo info;
+        source = OpenJournalReplay(path, market, &recordStart, &info, error);
+        if (source) m_summary = info.Summary();
+    } else {
+        source = OpenText(path, market, &recordStart, error);
+    }
+    if (!source) return false;
+    Start(std::move(source), *market, recordStart, nowMs);
+    return true;
+}
+
+std::unique_ptr<ReplaySource> MarketReplay::OpenText(const std::string& path, Market* market, int64_t* recordStart,
+                                                     std::string* error) {
+    std::ifstream in(path);
     std::string line;
     auto fail = [&](const std::string& why) {
         if (error) *error = path + ": " + why;
-        return false;
+        return std::unique_ptr<ReplaySource>();
     };
-    if (!m_in || !std::getline(m_in, line) || line != kMagic) return fail("not a market recording");
+    if (!in) return fail("cannot be read");
+    if (!std::getline(in, line) || line != kMagic) return fail("neither a market recording nor a tick journal");
+    *recordStart = 0;
     int lineNo = 1;
-    while (std::getline(m_in, line)) {
+    while (std::getline(in, line)) {
         ++lineNo;
-        std::istringstream in(line);
+        std::istringstream fields(line);
         std::string kind;
-        in >> kind;
+        fields >> kind;
         if (kind == "start") break;
         if (kind == "clock") {
-            in >> m_recordStart;
+            fields >> *recordStart;
         } else if (kind == "market") {
             int id = 0, exchange = 0, status = 0;
             uint32_t day = 0, second = 0, time = 0;
-            in >> id >> exchange >> day >> status >> second >> time;
-            if (in.fail() || exchange < 0 || exchange >= kExchangeCount) return fail("bad line " + std::to_string(lineNo));
+            fields >> id >> exchange >> day >> status >> second >> time;
+            if (fields.fail() || exchange < 0 || exchange >= kExchangeCount)
+                return fail("bad line " + std::to_string(lineNo));
             int index = market->AddMarket(static_cast<uint16_t>(id), static_cast<Exchange>(exchange));
             market->SetStatus(index, day, static_cast<uint8_t>(status), second, time);
         } else if (kind == "instrument") {
             Instrument inst;
             int exchange = 0, multiple = 0;
             std::string name, nameUtf8;
-            in >> inst.marketId >> exchange >> inst.code >> inst.divisor >> multiple >> inst.tickRaw >> inst.listDate >>
-                inst.expireDate >> inst.deliveryStart >> inst.deliveryEnd >> name >> nameUtf8;
-            if (in.fail() || exchange < 0 || exchange >= kExchangeCount) return fail("bad line " + std::to_string(lineNo));
+            fields >> inst.marketId >> exchange >> inst.code >> inst.divisor >> multiple >> inst.tickRaw >>
+                inst.listDate >> inst.expireDate >> inst.deliveryStart >> inst.deliveryEnd >> name >> nameUtf8;
+            if (fields.fail() || exchange < 0 || exchange >= kExchangeCount)
+                return fail("bad line " + std::to_string(lineNo));
             inst.exchange = static_cast<Exchange>(exchange);
             inst.multiple = static_cast<uint16_t>(multiple);
             inst.name = Unhex(name);
@@ -138,63 +211,66 @@ bool MarketReplay::Open(const std::string& path, Market* market, int64_t nowMs, 
             int64_t ms = 0;
             int index = -1;
             QuoteState q;
-            in >> ms >> index;
-            if (in.fail() || !ParseQuote(in, q)) return fail("bad line " + std::to_string(lineNo));
+            fields >> ms >> index;
+            if (fields.fail() || !ParseQuote(fields, q)) return fail("bad line " + std::to_string(lineNo));
             market->SetQuote(index, q);
         } else if (!kind.empty()) {
             return fail("unexpected \"" + kind + "\" in line " + std::to_string(lineNo));
         }
     }
     if (market->Markets().empty()) return fail("no markets");
-    market->SetClock(m_recordStart);
-    m_replayStart = nowMs;
-    ReadNext();
-    return true;
+    m_summary = "recording of " + std::to_string(market->Markets().size()) + " markets, " +
+                std::to_string(market->Instruments().size()) + " instruments";
+    return std::make_unique<TextSource>(std::move(in));
 }
 
-bool MarketReplay::ReadNext() {
-    m_havePending = false;
-    std::string line;
-    while (std::getline(m_in, line)) {
-        std::istringstream in(line);
-        std::string kind;
-        in >> kind >> m_pendingMs;
-        if (in.fail()) continue;
-        m_pending = line;
-        m_havePending = true;
-        return true;
-    }
-    m_finished = true;
-    return false;
+void MarketReplay::Start(std::unique_ptr<ReplaySource> source, Market& market, int64_t recordStartMs, int64_t nowMs) {
+    m_source = std::move(source);
+    m_recordStart = recordStartMs;
+    m_replayStart = nowMs;
+    m_finished = false;
+    m_applied = 0;
+    market.SetClock(recordStartMs);
+    ReadNext();
+}
+
+void MarketReplay::ReadNext() {
+    m_havePending = m_source && m_source->Next(&m_pending);
+    if (!m_havePending) m_finished = true;
 }
 
 std::vector<MarketEvent> MarketReplay::Step(Market& market, int64_t nowMs) {
     std::vector<MarketEvent> events;
     const int64_t target = m_recordStart + (nowMs - m_replayStart);
-    while (m_havePending && m_pendingMs <= target) {
-        std::istringstream in(m_pending);
-        std::string kind;
-        int64_t ms = 0;
-        int index = -1;
-        in >> kind >> ms >> index;
-        market.SetClock(ms);
-        if (kind == "quote") {
-            QuoteState q;
-            if (ParseQuote(in, q)) {
-                MarketEvent e = market.SetQuote(index, q);
-                if (e.maskA || e.maskB) events.push_back(e);
-            }
-        } else if (kind == "status") {
-            uint32_t day = 0, second = 0, time = 0;
-            int status = 0;
-            in >> day >> status >> second >> time;
-            if (!in.fail()) events.push_back(market.SetStatus(index, day, static_cast<uint8_t>(status), second, time));
+    std::vector<int> quoted;   // instruments changed in this batch
+    while (m_havePending && m_pending.ms <= target) {
+        const ReplayChange& c = m_pending;
+        if (c.type == ReplayChange::kQuote) {
+            // The sessions read the state when they push the batch: a second
+            // change of one instrument waits for the next batch, so that the
+            // clients see every recorded state, not the last one twice.
+            if (std::find(quoted.begin(), quoted.end(), c.index) != quoted.end()) return events;
+            quoted.push_back(c.index);
+        }
+        market.SetClock(c.ms);
+        if (c.type == ReplayChange::kQuote) {
+            MarketEvent e = market.SetQuote(c.index, c.quote);
+            if (!e.maskA && !e.maskB && c.alwaysPush && c.index >= 0 &&
+                c.index < static_cast<int>(market.Instruments().size()))
+                e.maskA = kChLast;
+            if (e.maskA || e.maskB) events.push_back(e);
+        } else {
+            events.push_back(market.SetStatus(c.index, c.tradingDay, c.status, c.secondDay, c.timeWord));
         }
         ++m_applied;
         ReadNext();
     }
-    if (!m_havePending || target < m_pendingMs) market.SetClock(target);
+    if (!m_havePending || target < m_pending.ms) market.SetClock(target);
     return events;
+}
+
+bool MarketReplay::Due(int64_t nowMs) const {
+    return m_havePending && m_pending.ms <= m_recordStart + (nowMs - m_replayStart);
 }
 
 }  // namespace qxsim

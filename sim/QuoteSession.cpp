@@ -207,7 +207,7 @@ void QuoteSession::AnswerNameTables(uint16_t marketId) {
             NameRow r;
             r.name = inst.name;
             r.marketCode = inst.code;
-            r.exchangeCode = inst.code;
+            r.exchangeCode = inst.exchangeCode.empty() ? inst.code : inst.exchangeCode;
             r.divisor = inst.divisor;
             r.attribute1 = inst.multiple;
             r.attribute2 = static_cast<uint16_t>(inst.tickRaw);

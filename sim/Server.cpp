@@ -207,7 +207,13 @@ void Server::Write(Client& c) {
 }
 
 void Server::StepMarket(int64_t now) {
-    std::vector<MarketEvent> events = m_replay ? m_replay->Step(m_market, now) : m_market.Step(now);
+    // A replay may hand its due changes over in several batches.
+    do {
+        StepBatch(m_replay ? m_replay->Step(m_market, now) : m_market.Step(now));
+    } while (m_replay && m_replay->Due(now));
+}
+
+void Server::StepBatch(const std::vector<MarketEvent>& events) {
     if (m_recorder) m_recorder->Write(m_market, events);
     for (const MarketEvent& e : events) {
         if (e.type != MarketEvent::kStatus || e.index != 0) continue;

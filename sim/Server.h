@@ -69,6 +69,7 @@ private:
     void Write(Client& c);
     void Close(Client& c, const std::string& why);
     void StepMarket(int64_t now);
+    void StepBatch(const std::vector<MarketEvent>& events);
     void Log(const std::string& text) const;
 
     Market& m_market;

@@ -57,7 +57,10 @@ void Usage(FILE* out) {
         "                        (200; 0: none)\n"
         "  --write-templates FILE  write the templates of those packages (a qxdctrans.xml) and exit\n"
         "  --record FILE         record the market's changes into FILE\n"
-        "  --replay FILE         replay a recording instead of simulating\n"
+        "  --replay PATH         replay a recording instead of simulating: a file written by\n"
+        "                        --record, or a tick journal of md-record (a .mdj file or a\n"
+        "                        directory of them), whose depth records and status reports\n"
+        "                        are served again at their recorded pace\n"
         "  --quiet               log nothing but errors\n"
         "  --help\n",
         out);
@@ -204,6 +207,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         live = &replayed;
+        LogLine("replay of " + replayPath + ": " + replay.Summary());
     }
     if (!recordPath.empty() && !recorder.Open(recordPath, *live, &error)) {
         std::fprintf(stderr, "qxdc-sim: %s\n", error.c_str());
