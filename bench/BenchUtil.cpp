@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -176,6 +177,15 @@ ScratchDir::~ScratchDir() {
 void ScratchDir::Write(const std::string& name, const std::string& text) const {
     std::ofstream out(m_path + "/" + name, std::ios::binary);
     out << text;
+}
+
+std::string Fmt(const char* format, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(buf, sizeof(buf), format, ap);
+    va_end(ap);
+    return buf;
 }
 
 }  // namespace orvex_bench

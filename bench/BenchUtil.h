@@ -47,6 +47,9 @@ int64_t Percentile(std::vector<int64_t>& sorted, double p);
 
 // A fresh directory under the system's temporary directory; removed (with
 // its files, one level deep) by the destructor.
+// printf into a string (at most 511 characters).
+std::string Fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 class ScratchDir {
 public:
     explicit ScratchDir(const char* prefix);

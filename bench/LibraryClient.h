@@ -4,6 +4,9 @@
 #ifndef ORVEX_BENCH_LIBRARY_CLIENT_H
 #define ORVEX_BENCH_LIBRARY_CLIENT_H
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -19,6 +22,7 @@ class BenchSpi : public COrvexWiraMdSpi {
 public:
     void OnFrontLinked() override {
         linkedAt = NowNs();
+        tid = static_cast<int>(syscall(SYS_gettid));   // the library's worker
         ++linked;
     }
     void OnFrontLost(int reason) override {
@@ -47,16 +51,17 @@ public:
     }
 
     DeliveryRecorder* recorder = nullptr;
-    std::atomic<int> linked{0}, lost{0}, lostReason{-1}, loginCode{-1};
+    std::atomic<int> linked{0}, lost{0}, lostReason{-1}, loginCode{-1}, tid{-1};
     std::atomic<int64_t> linkedAt{0}, lostAt{0}, loginAnswerAt{0}, completedAt{0}, lastSnapshotAt{0};
     std::atomic<uint64_t> snapshotRows{0};
 };
 
 class LibraryClient {
 public:
-    LibraryClient(const std::string& front, bool deliverSnapshot) {
+    // With `other`, that callback object is registered instead of `spi`.
+    LibraryClient(const std::string& front, bool deliverSnapshot, BenchSpi* other = nullptr) {
         m_api = COrvexWiraMdApi::CreateWiraMdApi("./", false, false, deliverSnapshot);
-        m_api->RegisterSpi(&spi);
+        m_api->RegisterSpi(other ? other : &spi);
         std::string address = front;
         m_api->RegisterFront(&address[0]);
     }

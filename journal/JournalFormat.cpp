@@ -34,6 +34,36 @@ uint16_t Get16(const unsigned char* p) {
 
 }  // namespace
 
+size_t EncodeDepthDelta(const unsigned char* base, const unsigned char* now, unsigned char* out) {
+    uint64_t mask = 0;
+    size_t n = 8;
+    for (size_t i = 0; i < kDepthWords; ++i) {
+        const uint64_t x = Load64(base + 8 * i) ^ Load64(now + 8 * i);
+        if (!x) continue;
+        mask |= uint64_t{1} << i;
+        std::memcpy(out + n, &x, 8);
+        n += 8;
+    }
+    std::memcpy(out, &mask, 8);
+    return n;
+}
+
+bool ApplyDepthDelta(const unsigned char* delta, size_t size, unsigned char* record) {
+    if (size < 8) return false;
+    uint64_t mask = Load64(delta);
+    if (mask >> kDepthWords) return false;
+    if (size != 8 + 8 * static_cast<size_t>(__builtin_popcountll(mask))) return false;
+    const unsigned char* v = delta + 8;
+    while (mask) {
+        const int i = __builtin_ctzll(mask);
+        mask &= mask - 1;
+        const uint64_t x = Load64(record + 8 * i) ^ Load64(v);
+        std::memcpy(record + 8 * i, &x, 8);
+        v += 8;
+    }
+    return true;
+}
+
 const char* KindName(uint16_t kind) {
     switch (kind) {
         case kDepth: return "depth";

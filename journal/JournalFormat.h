@@ -18,13 +18,20 @@
 //   entries, one after the other:
 //     0  u32 size          payload bytes that follow the 24-byte head
 //     4  u16 kind          EntryKind; a reader skips kinds it does not know
-//     6  u16 aux           template entries: the package id; else 0
+//     6  u16 aux           template entries: the package id; depth entries:
+//                          the instrument's slot + 1 (0: none); else 0
 //     8  i64 time          receive time (ns)
 //    16  u32 check         EntryCheck of bytes 0-15 and the payload
 //    20  u32 zero
 //    24  payload
 //
-// Payloads: depth, status: the record. Instrument and login answers: i32
+// Payloads: depth, status: the record. Depth delta: the depth record as the
+// change from the previous depth record of the same slot in this file: a
+// u64 mask of the record's 51 eight-byte words that changed, then, for each
+// set bit in order, the changed word XOR the old one. The writer gives each
+// instrument a slot the first time it writes it in a file (or after
+// reopening it) and always writes a slot's first record whole, so a reader
+// keeps the last record of each slot and needs nothing else. Instrument and login answers: i32
 // request id, u8 flags (kHasRecord, kHasInfo, kIsLast), three zero bytes,
 // the record (zero when the callback had none), the result record (the
 // same). Template: the record as the template file lays it out. Linked:
@@ -64,6 +71,7 @@ enum EntryKind : uint16_t {
     kLinked = 6,
     kLost = 7,
     kTemplates = 8,
+    kDepthDelta = 9,
 };
 // The name of a kind in text output ("depth", ...); null when unknown.
 const char* KindName(uint16_t kind);
@@ -117,6 +125,16 @@ inline EntryHead DecodeEntryHead(const unsigned char* p) {
     std::memcpy(&e.time, p + 8, 8);
     return e;
 }
+// Depth deltas (see above).
+constexpr size_t kDepthWords = sizeof(COrvexWiraDepthMarketDataField) / 8;
+static_assert(sizeof(COrvexWiraDepthMarketDataField) % 8 == 0, "depth record of whole words");
+// Encodes `now` against `base` into out (at most 8 + 408 bytes); returns
+// the size.
+size_t EncodeDepthDelta(const unsigned char* base, const unsigned char* now, unsigned char* out);
+// Applies a delta to `record` (the slot's previous record) in place; false
+// when the delta is malformed.
+bool ApplyDepthDelta(const unsigned char* delta, size_t size, unsigned char* record);
+
 // Fills the check of a whole entry (head and payload contiguous).
 void SealEntry(unsigned char* entry);
 // True when a whole entry (head and payload contiguous) checks out.

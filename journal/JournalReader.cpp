@@ -64,18 +64,58 @@ bool JournalReader::Open(const std::string& path, std::string* error) {
 }
 
 bool JournalReader::Next(Entry* e) {
-    if (!m_data || m_size - m_offset < kEntryHeadSize) return false;
-    const unsigned char* p = m_data + m_offset;
-    const EntryHead h = DecodeEntryHead(p);
-    if (h.kind == 0 || h.size > kMaxPayload || h.size > m_size - m_offset - kEntryHeadSize) return false;
-    if (!EntryIsWhole(p)) return false;
-    e->kind = h.kind;
-    e->aux = h.aux;
-    e->time = h.time;
-    e->payload = p + kEntryHeadSize;
-    e->size = h.size;
-    m_offset += kEntryHeadSize + h.size;
-    return true;
+    for (;;) {
+        if (!m_data || m_size - m_offset < kEntryHeadSize) return false;
+        const unsigned char* p = m_data + m_offset;
+        const EntryHead h = DecodeEntryHead(p);
+        if (h.kind == 0 || h.size > kMaxPayload || h.size > m_size - m_offset - kEntryHeadSize) return false;
+        if (!EntryIsWhole(p)) return false;
+        const unsigned char* payload = p + kEntryHeadSize;
+        e->kind = h.kind;
+        e->aux = h.aux;
+        e->time = h.time;
+        e->payload = payload;
+        e->size = h.size;
+        if (h.kind == kDepth || h.kind == kDepthDelta) {
+            constexpr size_t kSize = sizeof(COrvexWiraDepthMarketDataField);
+            const size_t slot = h.aux;   // slot + 1; 0: a record without one
+            if (h.kind == kDepth) {
+                if (slot && h.size == kSize) {
+                    if (m_slots.size() < slot) {
+                        m_slots.resize(slot);
+                        m_filled.resize(slot, false);
+                    }
+                    std::memcpy(&m_slots[slot - 1], payload, kSize);
+                    m_filled[slot - 1] = true;
+                }
+            } else {
+                // A delta without its base (a file cut by hand) is skipped:
+                // a reader never makes up a record.
+                if (!slot || slot > m_slots.size() || !m_filled[slot - 1] ||
+                    !ApplyDepthDelta(payload, h.size, reinterpret_cast<unsigned char*>(&m_slots[slot - 1]))) {
+                    m_offset += kEntryHeadSize + h.size;
+                    continue;
+                }
+                e->kind = kDepth;
+                e->payload = reinterpret_cast<const unsigned char*>(&m_slots[slot - 1]);
+                e->size = kSize;
+            }
+            e->aux = 0;
+        }
+        m_offset += kEntryHeadSize + h.size;
+        return true;
+    }
+}
+
+uint64_t JournalReader::DepthRecordsAtMost() const {
+    uint64_t n = 0;
+    for (uint64_t at = kHeaderSize; m_data && m_size - at >= kEntryHeadSize;) {
+        const EntryHead h = DecodeEntryHead(m_data + at);
+        if (h.kind == kDepth || h.kind == kDepthDelta) ++n;
+        if (h.size > m_size - at - kEntryHeadSize) break;
+        at += kEntryHeadSize + h.size;
+    }
+    return n;
 }
 
 std::vector<std::string> JournalFiles(const std::string& path, std::string* error) {

@@ -1,8 +1,10 @@
 // Reading a journal file.
 //
 // JournalReader maps a file and walks its entries. It owns the mapping; it
-// is used by one thread at a time. Entries point into the mapping and stay
-// valid until the reader is closed or destroyed. The walk ends at the end
+// is used by one thread at a time. Depth deltas are applied as they are
+// read: every depth record comes out whole, as a kDepth entry (aux 0) whose
+// payload lives in the reader until the next call of Next. Other entries
+// point into the mapping and stay valid until the reader is closed. The walk ends at the end
 // of the file or at the first entry that is not whole (a torn tail): Torn()
 // then tells how many bytes follow the last whole entry.
 //
@@ -47,8 +49,15 @@ public:
 
     // The next whole entry; false at the end (or at a torn tail).
     bool Next(Entry* e);
+    // At least as many depth records as the file holds, from the entry
+    // heads alone (nothing checked, the position unchanged): for sizing.
+    uint64_t DepthRecordsAtMost() const;
     // Back to the first entry.
-    void Rewind() { m_offset = kHeaderSize; }
+    void Rewind() {
+        m_offset = kHeaderSize;
+        m_slots.clear();
+        m_filled.clear();
+    }
     // Offset just past the last entry returned.
     uint64_t Offset() const { return m_offset; }
     // After Next returned false: bytes after the last whole entry (0 when the
@@ -61,6 +70,9 @@ private:
     const unsigned char* m_data = nullptr;
     uint64_t m_size = 0;
     uint64_t m_offset = 0;
+    // The last depth record of each slot.
+    std::vector<COrvexWiraDepthMarketDataField> m_slots;
+    std::vector<bool> m_filled;   // the slot has had its whole record
 };
 
 // The journal files of a file or directory path; empty with a message when

@@ -6,7 +6,13 @@ namespace orvex {
 namespace journal {
 
 void JournalSpi::Add(uint16_t kind, uint16_t aux, const void* payload, uint32_t size) {
-    m_counts[kind].fetch_add(1, std::memory_order_relaxed);
+    if (kind == kDepth) {
+        // Depth records come from the library's worker only: no locked
+        // increment needed on the hottest path.
+        m_counts[kind].store(m_counts[kind].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        m_counts[kind].fetch_add(1, std::memory_order_relaxed);
+    }
     m_writer.Add(kind, aux, WallNanos(), payload, size);
 }
 
@@ -59,12 +65,6 @@ void JournalSpi::OnDepthMarketData(COrvexWiraDepthMarketDataField* pDepthMarketD
     if (!pDepthMarketData) return;
     SeeDay(pDepthMarketData->TradingDay, sizeof(pDepthMarketData->TradingDay));
     Add(kDepth, 0, pDepthMarketData, sizeof(*pDepthMarketData));
-    const char* id = pDepthMarketData->InstrumentID;
-    std::string key(id, strnlen(id, sizeof(pDepthMarketData->InstrumentID)));
-    key += '.';
-    key.append(pDepthMarketData->ExchangeID, strnlen(pDepthMarketData->ExchangeID, sizeof(pDepthMarketData->ExchangeID)));
-    std::lock_guard<std::mutex> lock(m_instrumentLock);
-    if (m_instruments.insert(std::move(key)).second) m_instrumentCount.fetch_add(1, std::memory_order_relaxed);
 }
 
 void JournalSpi::OnStatusChange(COrvexWiraMarketStatusField* pStatus) {

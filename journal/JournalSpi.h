@@ -18,9 +18,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
-#include <unordered_set>
 
 #include "OrvexWiraMdApi.h"
 #include "journal/JournalWriter.h"
@@ -43,10 +41,8 @@ public:
     void OnStatusChange(COrvexWiraMarketStatusField* pStatus) override;
     void OnTemplateData(unsigned short nPackageID, void* pData) override;
 
-    // Callbacks seen, by kind (index: EntryKind), and distinct instruments
-    // of the depth records.
+    // Callbacks seen, by kind (index: EntryKind).
     uint64_t Count(uint16_t kind) const { return kind < 9 ? m_counts[kind].load(std::memory_order_relaxed) : 0; }
-    uint64_t Instruments() const { return m_instrumentCount.load(std::memory_order_relaxed); }
     uint64_t TemplatesSkipped() const { return m_templatesSkipped.load(std::memory_order_relaxed); }
 
 protected:
@@ -62,11 +58,8 @@ private:
     JournalWriter& m_writer;
     const std::map<int, int> m_templateSizes;
     std::atomic<uint64_t> m_counts[9] = {};
-    std::atomic<uint64_t> m_instrumentCount{0};
     std::atomic<uint32_t> m_day{0};
     std::atomic<uint64_t> m_templatesSkipped{0};
-    std::mutex m_instrumentLock;
-    std::unordered_set<std::string> m_instruments;
 };
 
 }  // namespace journal

@@ -178,26 +178,86 @@ void JournalWriter::Run() {
 // Seals the entries of one batch and writes them, switching files at day
 // marks.
 void JournalWriter::Process(unsigned char* data, size_t size) {
-    size_t runStart = 0, pos = 0;
-    uint64_t runEntries = 0;
+    // Room for the batch if every depth record grew by a delta's mask; the
+    // buffer only grows, so its bytes are not cleared again and again.
+    const size_t room = size + size / kEntryHeadSize * 8 + 64;
+    if (m_out.size() < room) m_out.resize(room);
+    m_outUsed = 0;
+    size_t pos = 0;
+    uint64_t entries = 0;
     while (pos < size) {
         const EntryHead h = DecodeEntryHead(data + pos);
         const size_t length = kEntryHeadSize + h.size;
         if (h.kind == kDayMark) {
-            WriteRun(data + runStart, pos - runStart, runEntries);
+            WriteRun(m_out.data(), m_outUsed, entries);
+            m_outUsed = 0;
+            entries = 0;
             const std::string day(reinterpret_cast<const char*>(data + pos + kEntryHeadSize),
                                   strnlen(reinterpret_cast<const char*>(data + pos + kEntryHeadSize), 8));
             if (day != m_day) OpenDay(day);
-            runStart = pos + length;
-            runEntries = 0;
         } else {
-            SealEntry(data + pos);
-            ++runEntries;
+            Transcode(data + pos);
+            ++entries;
         }
         pos += length;
     }
-    WriteRun(data + runStart, pos - runStart, runEntries);
+    WriteRun(m_out.data(), m_outUsed, entries);
     if (m_options.sync && m_fd >= 0) fdatasync(m_fd);
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_stats.instruments = m_bases.size();
+}
+
+void JournalWriter::Transcode(const unsigned char* entry) {
+    EntryHead h = DecodeEntryHead(entry);
+    unsigned char* out = m_out.data() + m_outUsed;
+    constexpr size_t kSize = sizeof(COrvexWiraDepthMarketDataField);
+    if (h.kind != kDepth || h.size != kSize) {
+        std::memcpy(out, entry, kEntryHeadSize + h.size);
+        SealEntry(out);
+        m_outUsed += kEntryHeadSize + h.size;
+        return;
+    }
+    const unsigned char* record = entry + kEntryHeadSize;
+    const auto* d = reinterpret_cast<const COrvexWiraDepthMarketDataField*>(record);
+    // The slot of the instrument: FNV-1a of its id and exchange. A collision
+    // costs only size: the delta is taken against whatever the slot holds.
+    uint64_t key = 1469598103934665603ull;
+    for (size_t i = 0; i < sizeof(d->InstrumentID) && d->InstrumentID[i]; ++i)
+        key = (key ^ static_cast<unsigned char>(d->InstrumentID[i])) * 1099511628211ull;
+    key = (key ^ '.') * 1099511628211ull;
+    for (size_t i = 0; i < sizeof(d->ExchangeID) && d->ExchangeID[i]; ++i)
+        key = (key ^ static_cast<unsigned char>(d->ExchangeID[i])) * 1099511628211ull;
+    uint16_t slot = 0;
+    bool first = false;
+    auto it = m_slotOf.find(key);
+    if (it != m_slotOf.end()) {
+        slot = it->second;
+    } else if (m_bases.size() < 0xFFFF) {
+        m_bases.emplace_back();
+        slot = static_cast<uint16_t>(m_bases.size());
+        m_slotOf.emplace(key, slot);
+        first = true;   // the slot's first record: whole
+    }
+    unsigned char* base = slot ? reinterpret_cast<unsigned char*>(&m_bases[slot - 1]) : nullptr;
+    if (base && !first && m_options.depthDeltas) {
+        const size_t n = EncodeDepthDelta(base, record, out + kEntryHeadSize);
+        if (n < kSize) {
+            std::memcpy(base, record, kSize);
+            h.kind = kDepthDelta;
+            h.aux = slot;
+            h.size = static_cast<uint32_t>(n);
+            EncodeEntryHead(h, out);
+            SealEntry(out);
+            m_outUsed += kEntryHeadSize + n;
+            return;
+        }
+    }
+    if (base) std::memcpy(base, record, kSize);
+    h.aux = slot;
+    EncodeEntryHead(h, out);
+    std::memcpy(out + kEntryHeadSize, record, kSize);
+    SealEntry(out);
+    m_outUsed += kEntryHeadSize + kSize;
 }
 
 void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t entries) {
@@ -264,6 +324,9 @@ void JournalWriter::CloseFile() {
 void JournalWriter::OpenDay(const std::string& day) {
     CloseFile();
     m_day = day;
+    // Slots start again in every file (and in a file appended to).
+    m_slotOf.clear();
+    m_bases.clear();
     std::string path;
     for (int n = 1; n < 100 && m_fd < 0; ++n) {
         path = n == 1 ? DayFileName(m_options.dir, day) : DayFileName(m_options.dir, day + "." + std::to_string(n));

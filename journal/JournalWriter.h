@@ -14,6 +14,10 @@
 // logged). A file this build cannot append to (another format version) is
 // left alone and DAY.2.mdj, DAY.3.mdj, ... is used instead.
 //
+// Depth records are written as deltas from the instrument's previous record
+// (see JournalFormat.h) unless depthDeltas is off; the encoding is done here,
+// on the writer thread.
+//
 // Flush policy: with flushMs 0 the writer is woken for every entry, so an
 // entry reaches the OS as soon as the writer runs; otherwise at least every
 // flushMs milliseconds (and sooner when the queue is half full). With sync,
@@ -29,6 +33,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "journal/JournalFormat.h"
@@ -44,6 +49,7 @@ public:
         int flushMs = 20;                // 0: every entry
         bool sync = false;               // fdatasync after every write
         std::string templatesText;       // written at the start of every new file
+        bool depthDeltas = true;         // depth records as changes from the instrument's last one
         std::function<void(const std::string&)> log;   // log lines; stderr when empty
     };
     struct Stats {
@@ -54,6 +60,7 @@ public:
         uint64_t highWater = 0;      // most bytes ever waiting in the queue
         uint64_t queueBytes = 0;     // the bound
         uint64_t files = 0;          // files opened
+        uint64_t instruments = 0;    // distinct instruments of depth records in the current file
         uint64_t tornBytes = 0;      // cut from torn tails before appending
         uint64_t writeErrors = 0;
         std::string file;            // the current file
@@ -79,6 +86,8 @@ public:
 private:
     void Run();
     void Process(unsigned char* data, size_t size);
+    // Appends one entry to m_out, a depth record as a delta when smaller.
+    void Transcode(const unsigned char* entry);
     void WriteRun(const unsigned char* data, size_t size, uint64_t entries);
     void OpenDay(const std::string& day);
     void CloseFile();
@@ -100,6 +109,10 @@ private:
 
     // Writer thread only.
     std::unique_ptr<unsigned char[]> m_spare;
+    std::vector<unsigned char> m_out;     // the batch as written (m_outUsed bytes of it)
+    size_t m_outUsed = 0;
+    std::unordered_map<uint64_t, uint16_t> m_slotOf;   // instrument -> slot + 1, per file
+    std::vector<COrvexWiraDepthMarketDataField> m_bases;   // last record of each slot
     std::vector<unsigned char> m_early;   // entries before the first trading day
     uint64_t m_earlyEntries = 0;
     std::string m_day;

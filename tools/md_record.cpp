@@ -43,6 +43,7 @@ struct Options : ClientOptions {
     bool sync = false;
     size_t queueBytes = 64u << 20;
     double summaryEvery = -1;     // seconds; -1: every 5 s when standard error is a terminal
+    bool wholeRecords = false;    // no depth deltas
 };
 
 void Usage(FILE* out) {
@@ -56,6 +57,9 @@ void Usage(FILE* out) {
                  "  --sync               fdatasync after every write (survives power loss; slower)\n"
                  "  --queue-mb N         bound of the in-memory queue, MiB (64); when full, entries are\n"
                  "                       dropped and counted\n"
+                 "  --whole-records      write every depth record whole (by default a record is written as\n"
+                 "                       its change from the instrument's previous one; readers see no\n"
+                 "                       difference)\n"
                  "  --summary S          print the counters every S seconds (default: every 5 s on a\n"
                  "                       terminal, else only at the end; 0: only at the end)\n"
                  "  --help\n",
@@ -96,6 +100,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
             }
         } else if (arg == "--sync") {
             o.sync = true;
+        } else if (arg == "--whole-records") {
+            o.wholeRecords = true;
         } else if (arg == "--queue-mb") {
             if (!(v = value())) return 2;
             const long mb = std::atol(v);
@@ -159,13 +165,13 @@ std::string Summary(const RecorderSpi& spi, const JournalWriter::Stats& s) {
     char text[1024];
     std::snprintf(text, sizeof(text),
                   "md-record: %llu entries written (depth %llu, status %llu, instrument %llu, login %llu, template "
-                  "%llu, linked %llu, lost %llu), %llu instruments, %llu bytes in %llu file(s)%s%s; queue high-water "
+                  "%llu, linked %llu, lost %llu), %llu instruments today, %llu bytes in %llu file(s)%s%s; queue high-water "
                   "%llu of %llu bytes; dropped %llu",
                   static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(spi.Count(kDepth)),
                   static_cast<unsigned long long>(spi.Count(kStatus)), static_cast<unsigned long long>(spi.Count(kInstrument)),
                   static_cast<unsigned long long>(spi.Count(kLogin)), static_cast<unsigned long long>(spi.Count(kTemplate)),
                   static_cast<unsigned long long>(spi.Count(kLinked)), static_cast<unsigned long long>(spi.Count(kLost)),
-                  static_cast<unsigned long long>(spi.Instruments()), static_cast<unsigned long long>(s.bytes),
+                  static_cast<unsigned long long>(s.instruments), static_cast<unsigned long long>(s.bytes),
                   static_cast<unsigned long long>(s.files), s.file.empty() ? "" : ", now ", s.file.c_str(),
                   static_cast<unsigned long long>(s.highWater), static_cast<unsigned long long>(s.queueBytes),
                   static_cast<unsigned long long>(s.dropped));
@@ -202,6 +208,7 @@ int main(int argc, char** argv) {
     wo.sync = options.sync;
     wo.queueBytes = options.queueBytes;
     wo.templatesText = templates.Text();
+    wo.depthDeltas = !options.wholeRecords;
     wo.log = [](const std::string& line) { std::fprintf(stderr, "md-record: %s\n", line.c_str()); };
     JournalWriter writer(wo);
     std::string error;

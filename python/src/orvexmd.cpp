@@ -393,7 +393,7 @@ py::dict ReadJournal(const std::string& path, py::dtype dtype) {
     for (const std::string& f : files) {
         auto r = std::make_unique<jr::JournalReader>();
         if (!r->Open(f, &error)) throw std::runtime_error(error);
-        bound += r->FileSize() / (jr::kEntryHeadSize + sizeof(Depth));
+        bound += r->DepthRecordsAtMost();
         readers.push_back(std::move(r));
     }
     py::array depth(dtype, std::vector<py::ssize_t>{static_cast<py::ssize_t>(bound)});

@@ -144,7 +144,17 @@ TEST(JournalWriter, TornTailsReadToLastWholeEntryAndAreCutBeforeAppending) {
         w.Close();
     }
     const std::string whole = FileBytes("j/20250102.mdj");
-    const size_t lastStart = whole.size() - (kEntryHeadSize + 408);
+    // Where the last entry starts (a delta: the three records differ a little).
+    size_t lastStart = 0;
+    {
+        JournalReader r;
+        ASSERT_TRUE(r.Open("j/20250102.mdj", nullptr));
+        Entry e;
+        for (int i = 0; i < 2; ++i) ASSERT_TRUE(r.Next(&e));
+        lastStart = r.Offset();
+        ASSERT_TRUE(r.Next(&e));
+        ASSERT_EQ(whole.size(), r.Offset());
+    }
     for (size_t cut = lastStart; cut < whole.size(); cut += 7) {
         WriteBytes("cut.mdj", whole.substr(0, cut));
         uint64_t torn = 0;
@@ -155,7 +165,7 @@ TEST(JournalWriter, TornTailsReadToLastWholeEntryAndAreCutBeforeAppending) {
     WriteBytes("zeros.mdj", whole.substr(0, lastStart + 30) + std::string(4096, '\0'));
     EXPECT_EQ(2u, ReadJournal("zeros.mdj").size());
     std::string flipped = whole;
-    flipped[lastStart + kEntryHeadSize + 200] ^= 0x40;   // one bit of the last record
+    flipped[whole.size() - 3] ^= 0x40;   // one bit of the last record
     WriteBytes("flipped.mdj", flipped);
     EXPECT_EQ(2u, ReadJournal("flipped.mdj").size());
     std::string hugeSize = whole;
@@ -288,9 +298,12 @@ TEST(JournalWriter, ConcurrentProducers) {
     ASSERT_EQ(20000u, got.size());
     std::vector<int64_t> next(4, 0);
     for (const OwnedEntry& e : got) {
-        ASSERT_LT(e.aux, 4);
-        EXPECT_EQ(next[e.aux]++, e.time);   // each producer's entries in its order
-        EXPECT_EQ(DepthBytes(e.aux * 10000 + static_cast<int>(e.time)), e.payload);
+        // MakeDepth puts 1000 + seq into Volume.
+        const int seq = static_cast<int>(reinterpret_cast<const COrvexWiraDepthMarketDataField*>(e.payload.data())->Volume) - 1000;
+        const int producer = seq / 10000;
+        ASSERT_LT(producer, 4);
+        EXPECT_EQ(next[producer]++, e.time);   // each producer's entries in its order
+        EXPECT_EQ(DepthBytes(seq), e.payload);
     }
 }
 
@@ -308,6 +321,80 @@ TEST(JournalWriter, NoTradingDayAtAllStillKeepsTheEntries) {
     const std::vector<OwnedEntry> got = ReadJournal(files[0]);
     ASSERT_EQ(2u, got.size());
     EXPECT_EQ(kLost, got[1].kind);
+}
+
+// Depth records go to the file as changes from the instrument's previous
+// record: the file shrinks, every record reads back whole, and a delta whose
+// base is missing is skipped, never turned into a made-up record.
+TEST(JournalWriter, DepthDeltasReadBackWholeAndSmaller) {
+    ScopedTempDir tmp;
+    std::vector<std::string> records;
+    for (int i = 0; i < 300; ++i) {
+        const char* ids[3] = {"cu2501", "ag2502", "IF2503"};
+        // What a push changes: the last price, the volume, the time, a level.
+        COrvexWiraDepthMarketDataField d = MakeDepth(ids[i % 3], i % 3 == 2 ? "CFFEX" : "SHFE", 0);
+        d.LastPrice += i;
+        d.Volume += i;
+        d.BidVolume1 += i;
+        d.UpdateMillisec = i % 2 ? 500 : 0;
+        d.UpdateTime[7] = static_cast<char>('0' + i / 3 % 10);
+        if (i == 150) d.UpdateMillisec = 0x7FFFFFFF;   // any bytes at all
+        records.emplace_back(reinterpret_cast<const char*>(&d), sizeof(d));
+    }
+    for (bool deltas : {true, false}) {
+        JournalWriter::Options o = Quiet(deltas ? "deltas" : "whole");
+        o.depthDeltas = deltas;
+        JournalWriter w(o);
+        ASSERT_TRUE(w.Start(nullptr));
+        w.SetTradingDay("20250102");
+        for (size_t i = 0; i < records.size(); ++i) {
+            w.Add(kDepth, 0, static_cast<int64_t>(i), records[i].data(), 408);
+            if (i == 100) w.Add(kLinked, 0, 0, nullptr, 0);
+        }
+        w.Close();
+    }
+    for (const char* dir : {"deltas/20250102.mdj", "whole/20250102.mdj"}) {
+        std::vector<OwnedEntry> got = ReadJournal(dir);
+        ASSERT_EQ(records.size() + 1, got.size()) << dir;
+        got.erase(got.begin() + 101);
+        for (size_t i = 0; i < records.size(); ++i) {
+            EXPECT_EQ(kDepth, got[i].kind);
+            EXPECT_EQ(0, got[i].aux);
+            EXPECT_EQ(records[i], got[i].payload) << dir << " " << i;
+        }
+    }
+    const size_t deltaSize = FileBytes("deltas/20250102.mdj").size();
+    const size_t wholeSize = FileBytes("whole/20250102.mdj").size();
+    EXPECT_EQ(kHeaderSize + 301 * kEntryHeadSize + 300 * 408, wholeSize);
+    EXPECT_LT(deltaSize, wholeSize / 2);
+
+    // The first entry is cu2501's whole record: without it, cu2501's
+    // deltas have no base and are skipped; the others read as before.
+    std::string bytes = FileBytes("deltas/20250102.mdj");
+    bytes.erase(kHeaderSize, kEntryHeadSize + 408);
+    WriteBytes("cut.mdj", bytes);
+    const std::vector<OwnedEntry> cut = ReadJournal("cut.mdj");
+    ASSERT_EQ(201u, cut.size());
+    for (const OwnedEntry& e : cut) {
+        if (e.kind != kDepth) continue;
+        EXPECT_STRNE("cu2501", reinterpret_cast<const COrvexWiraDepthMarketDataField*>(e.payload.data())->InstrumentID);
+    }
+}
+
+TEST(JournalFormat, MalformedDepthDeltasAreRefused) {
+    const COrvexWiraDepthMarketDataField a = MakeDepth("cu2501", "SHFE", 1), b = MakeDepth("cu2501", "SHFE", 2);
+    unsigned char delta[8 + 408];
+    const size_t n = EncodeDepthDelta(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&b), delta);
+    COrvexWiraDepthMarketDataField r = a;
+    ASSERT_TRUE(ApplyDepthDelta(delta, n, reinterpret_cast<unsigned char*>(&r)));
+    EXPECT_EQ(0, std::memcmp(&r, &b, sizeof(r)));
+    EXPECT_FALSE(ApplyDepthDelta(delta, n - 8, reinterpret_cast<unsigned char*>(&r)));   // a word short
+    EXPECT_FALSE(ApplyDepthDelta(delta, 4, reinterpret_cast<unsigned char*>(&r)));
+    unsigned char wide[16] = {0};
+    wide[7] = 0x80;   // a word past the record's 51
+    EXPECT_FALSE(ApplyDepthDelta(wide, 16, reinterpret_cast<unsigned char*>(&r)));
+    // Equal records: the mask alone.
+    EXPECT_EQ(8u, EncodeDepthDelta(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&a), delta));
 }
 
 TEST(JournalWriter, StartFailsOnAPathThatIsNotADirectory) {

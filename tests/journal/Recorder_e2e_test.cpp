@@ -208,7 +208,7 @@ TEST(RecorderE2E, JournalHoldsWhatAClientSawAndExportsWithoutLoss) {
     ASSERT_EQ(0, recorder.Stop(SIGTERM));
     const std::string log = Slurp("record.log");
     EXPECT_NE(std::string::npos, log.find("dropped 0")) << log;
-    EXPECT_NE(std::string::npos, log.find(", 60 instruments,")) << log;
+    EXPECT_NE(std::string::npos, log.find(", 60 instruments today,")) << log;
 
     const std::string file = JournalIn("j");
     uint64_t torn = 1;
