@@ -143,7 +143,7 @@ int main(int argc, char** argv) {
     md << Fmt("replay callbacks/s: %.2f M\n", MedianOf(replayRates) / 1e6);
     md << Fmt("journal bytes per million depth records: %.0f (%.1f MB)\n\n", fileBytes * 1e6 / static_cast<double>(records),
               fileBytes / static_cast<double>(records));
-    md << "writer: " << ws.entries << " entries, dropped " << ws.dropped << ", queue high-water " << ws.highWater
+    md << "writer: " << ws.entries << " entries; refused while the queue was full and retried by this producer: " << ws.dropped << ", queue high-water " << ws.highWater
        << " bytes\n\n";
     std::fputs(md.str().c_str(), stdout);
     if (!markdown.empty()) {
@@ -153,5 +153,5 @@ int main(int argc, char** argv) {
             std::fclose(f);
         }
     }
-    return ws.dropped == 0 && readCount == records && replayCount == records ? 0 : 1;
+    return readCount == records && replayCount == records ? 0 : 1;
 }

@@ -33,7 +33,7 @@ fi
 
 # ---- build ----
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DORVEX_BUILD_TESTS=OFF -DORVEX_BENCH=ON >/dev/null
-cmake --build "$build" -j"$(nproc)" --target orvex-bench-micro orvex-bench-e2e
+cmake --build "$build" -j"$(nproc)" --target orvex-bench-micro orvex-bench-e2e orvex-bench-journal
 # The Python benchmark, when the binding is built (pybind11 found).
 python_bench=0
 if cmake --build "$build" -j"$(nproc)" --target _orvexbench _orvexmd >/dev/null 2>&1; then python_bench=1; fi
@@ -59,6 +59,15 @@ e2e_status=0
 mkdir -p "$work/latency"
 "${run[@]}" "$build/bench/orvex-bench-e2e" "${e2e_args[@]}" --markdown "$work/e2e.md" --latency-dir "$work/latency" ||
   e2e_status=$?
+echo "== journal"
+journal_args=()
+if [ "$quick" = 1 ]; then journal_args=(--records 300000 --passes 2); fi
+"${run[@]}" "$build/bench/orvex-bench-journal" "${journal_args[@]}" --dir "$work/journal" \
+  --markdown "$work/journal.md" || echo "the journal benchmark failed" >&2
+if [ "$python_bench" = 1 ] && [ -d "$work/journal" ]; then
+  PYTHONPATH="$build/python" "${run[@]}" /usr/bin/python3 "$root/python/bench/bench_journal.py" "$work/journal" \
+    --markdown "$work/journal-python.md" || echo "the read_journal benchmark failed" >&2
+fi
 if [ "$python_bench" = 1 ]; then
   echo "== python"
   py_args=()
@@ -161,6 +170,8 @@ fi
     echo
   fi
   if [ -s "$work/python.md" ]; then cat "$work/python.md"; echo; fi
+  if [ -s "$work/journal.md" ]; then cat "$work/journal.md"; fi
+  if [ -s "$work/journal-python.md" ]; then cat "$work/journal-python.md"; echo; fi
   echo "## Micro-benchmarks"
   echo
   echo "An API object that is never started, its model filled through the handlers (one market of 1,000"
