@@ -12,7 +12,7 @@ namespace orvex_bench {
 
 class JournalingSpi : public BenchSpi {
 public:
-    explicit JournalingSpi(orvex::journal::JournalWriter& writer) : m_journal(writer, {}) {}
+    explicit JournalingSpi(orvex::journal::JournalWriter& writer) : m_journal(&writer, {}) {}
 
     void OnFrontLinked() override {
         m_journal.OnFrontLinked();

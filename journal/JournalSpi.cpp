@@ -13,7 +13,9 @@ void JournalSpi::Add(uint16_t kind, uint16_t aux, const void* payload, uint32_t 
     } else {
         m_counts[kind].fetch_add(1, std::memory_order_relaxed);
     }
-    m_writer.Add(kind, aux, WallNanos(), payload, size);
+    const int64_t now = WallNanos();
+    if (m_writer) m_writer->Add(kind, aux, now, payload, size);
+    Tap(kind, now, payload, size);
 }
 
 template <typename R>
@@ -36,7 +38,7 @@ void JournalSpi::SeeDay(const char* text, size_t width) {
     uint32_t current = m_day.load(std::memory_order_relaxed);
     while (day > current) {
         if (m_day.compare_exchange_weak(current, day)) {
-            m_writer.SetTradingDay(std::string(text, 8));
+            if (m_writer) m_writer->SetTradingDay(std::string(text, 8));
             return;
         }
     }

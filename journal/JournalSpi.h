@@ -28,7 +28,8 @@ namespace journal {
 
 class JournalSpi : public COrvexWiraMdSpi {
 public:
-    JournalSpi(JournalWriter& writer, std::map<int, int> templateSizes)
+    // Without a writer nothing is journaled; Tap still sees every callback.
+    JournalSpi(JournalWriter* writer, std::map<int, int> templateSizes)
         : m_writer(writer), m_templateSizes(std::move(templateSizes)) {}
 
     void OnFrontLinked() override;
@@ -47,6 +48,11 @@ public:
 
 protected:
     ~JournalSpi() = default;
+    // Every journaled callback as its entry, with its receive time, on the
+    // library's thread: a second sink hooks in here.
+    virtual void Tap(uint16_t kind, int64_t time, const void* payload, uint32_t size) {
+        (void)kind, (void)time, (void)payload, (void)size;
+    }
 
 private:
     void Add(uint16_t kind, uint16_t aux, const void* payload, uint32_t size);
@@ -55,7 +61,7 @@ private:
     template <typename R>
     void AddAnswer(uint16_t kind, const R* record, const COrvexWiraRspInfoField* info, int requestId, bool isLast);
 
-    JournalWriter& m_writer;
+    JournalWriter* m_writer;
     const std::map<int, int> m_templateSizes;
     std::atomic<uint64_t> m_counts[9] = {};
     std::atomic<uint32_t> m_day{0};

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -218,15 +219,18 @@ void JournalWriter::Transcode(const unsigned char* entry) {
         return;
     }
     const unsigned char* record = entry + kEntryHeadSize;
-    const auto* d = reinterpret_cast<const COrvexWiraDepthMarketDataField*>(record);
+    // The record sits at any alignment in the queue: its texts are read as
+    // bytes.
+    const char* id = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, InstrumentID);
+    const char* exchange = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, ExchangeID);
     // The slot of the instrument: FNV-1a of its id and exchange. A collision
     // costs only size: the delta is taken against whatever the slot holds.
     uint64_t key = 1469598103934665603ull;
-    for (size_t i = 0; i < sizeof(d->InstrumentID) && d->InstrumentID[i]; ++i)
-        key = (key ^ static_cast<unsigned char>(d->InstrumentID[i])) * 1099511628211ull;
+    for (size_t i = 0; i < sizeof(COrvexWiraDepthMarketDataField::InstrumentID) && id[i]; ++i)
+        key = (key ^ static_cast<unsigned char>(id[i])) * 1099511628211ull;
     key = (key ^ '.') * 1099511628211ull;
-    for (size_t i = 0; i < sizeof(d->ExchangeID) && d->ExchangeID[i]; ++i)
-        key = (key ^ static_cast<unsigned char>(d->ExchangeID[i])) * 1099511628211ull;
+    for (size_t i = 0; i < sizeof(COrvexWiraDepthMarketDataField::ExchangeID) && exchange[i]; ++i)
+        key = (key ^ static_cast<unsigned char>(exchange[i])) * 1099511628211ull;
     uint16_t slot = 0;
     bool first = false;
     auto it = m_slotOf.find(key);

@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(g++ cmake make zlib1g-dev rapidjson-dev libgtest-dev pkg-config
           python3 python3-dev pybind11-dev python3-numpy python3-pytest
-          libsqlite3-dev sqlite3 python3-pandas)
+          libsqlite3-dev sqlite3 python3-pandas
+          redis-server libhiredis-dev python3-redis)
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-dev)
 fi

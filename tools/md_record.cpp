@@ -23,18 +23,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "ClientOptions.h"
 #include "OrvexWiraMdApi.h"
 #include "TemplateFile.h"
+#include "fanout/RedisSink.h"
 #include "journal/JournalSpi.h"
 #include "journal/JournalWriter.h"
 
 namespace {
 
 using orvex::journal::JournalSpi;
+using orvex::fanout::RedisSink;
 using orvex::journal::JournalWriter;
 
 struct Options : ClientOptions {
@@ -44,11 +47,16 @@ struct Options : ClientOptions {
     size_t queueBytes = 64u << 20;
     double summaryEvery = -1;     // seconds; -1: every 5 s when standard error is a terminal
     bool wholeRecords = false;    // no depth deltas
+    std::string redis;            // redis://HOST:PORT[/DB], unix:///PATH or /PATH
+    std::string redisConfig;      // INI file with [redis] password=
+    std::string redisPrefix = "md";
+    uint64_t redisMaxLen = 1000000;
+    size_t redisBuffer = 1000000;
 };
 
 void Usage(FILE* out) {
     std::fprintf(out,
-                 "usage: md-record --front tcp://HOST:PORT --journal DIR [options]\n"
+                 "usage: md-record --front tcp://HOST:PORT (--journal DIR | --redis URL) [options]\n"
                  "\n"
                  "%s"
                  "  --journal DIR        directory of the journal files, DAY.mdj (created when missing)\n"
@@ -60,6 +68,14 @@ void Usage(FILE* out) {
                  "  --whole-records      write every depth record whole (by default a record is written as\n"
                  "                       its change from the instrument's previous one; readers see no\n"
                  "                       difference)\n"
+                 "  --redis URL          also publish depth records and status reports into Redis Streams:\n"
+                 "                       redis://HOST:PORT[/DB], unix:///PATH or /PATH; the password comes\n"
+                 "                       from ORVEX_REDIS_PASSWORD or --redis-config, never the command line\n"
+                 "  --redis-config FILE  an INI file with [redis] password=...\n"
+                 "  --redis-prefix P     key prefix (md): streams P:{EXCHANGE} and P:{EXCHANGE}:INSTRUMENT\n"
+                 "  --redis-maxlen N     trim every stream to about N entries (1000000)\n"
+                 "  --redis-buffer N     entries kept while Redis is away (1000000); past that the oldest\n"
+                 "                       are dropped and counted\n"
                  "  --summary S          print the counters every S seconds (default: every 5 s on a\n"
                  "                       terminal, else only at the end; 0: only at the end)\n"
                  "  --help\n",
@@ -110,6 +126,19 @@ int ParseOptions(int argc, char** argv, Options& o) {
                 return 2;
             }
             o.queueBytes = static_cast<size_t>(mb) << 20;
+        } else if (arg == "--redis" || arg == "--redis-config" || arg == "--redis-prefix") {
+            if (!(v = value())) return 2;
+            (arg == "--redis" ? o.redis : arg == "--redis-config" ? o.redisConfig : o.redisPrefix) = v;
+        } else if (arg == "--redis-maxlen" || arg == "--redis-buffer") {
+            if (!(v = value())) return 2;
+            char* end = nullptr;
+            const unsigned long long n = std::strtoull(v, &end, 10);
+            if (end == v || *end != '\0' || n == 0) {
+                std::fprintf(stderr, "md-record: %s takes a positive number, not %s\n", arg.c_str(), v);
+                return 2;
+            }
+            if (arg == "--redis-maxlen") o.redisMaxLen = n;
+            else o.redisBuffer = static_cast<size_t>(n);
         } else if (arg == "--summary") {
             if (!(v = value())) return 2;
             o.summaryEvery = std::atof(v);
@@ -122,8 +151,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
         std::fprintf(stderr, "md-record: give at least one --front tcp://host:port\n");
         return 2;
     }
-    if (o.journal.empty()) {
-        std::fprintf(stderr, "md-record: give --journal DIR\n");
+    if (o.journal.empty() && o.redis.empty()) {
+        std::fprintf(stderr, "md-record: give --journal DIR, --redis URL or both\n");
         return 2;
     }
     return 0;
@@ -133,8 +162,9 @@ int ParseOptions(int argc, char** argv, Options& o) {
 // link, subscribes after every successful login, queries once.
 class RecorderSpi : public JournalSpi {
 public:
-    RecorderSpi(COrvexWiraMdApi* api, const Options& o, JournalWriter& writer, std::map<int, int> templateSizes)
-        : JournalSpi(writer, std::move(templateSizes)), m_api(api), m_options(o) {}
+    RecorderSpi(COrvexWiraMdApi* api, const Options& o, JournalWriter* writer, RedisSink* redis,
+                std::map<int, int> templateSizes)
+        : JournalSpi(writer, std::move(templateSizes)), m_api(api), m_options(o), m_redis(redis) {}
 
     void OnFrontLinked() override {
         JournalSpi::OnFrontLinked();
@@ -153,29 +183,57 @@ public:
         SendQueries(m_api, m_options, first);
     }
 
+protected:
+    // Depth records and status reports also go to Redis.
+    void Tap(uint16_t kind, int64_t time, const void* payload, uint32_t) override {
+        if (!m_redis) return;
+        if (kind == orvex::journal::kDepth)
+            m_redis->AddDepth(*static_cast<const COrvexWiraDepthMarketDataField*>(payload), time);
+        else if (kind == orvex::journal::kStatus)
+            m_redis->AddStatus(*static_cast<const COrvexWiraMarketStatusField*>(payload), time);
+    }
+
 private:
     COrvexWiraMdApi* m_api;
     const Options& m_options;
+    RedisSink* m_redis;
     std::atomic<int> m_requestId{0};
     std::atomic<bool> m_queried{false};
 };
 
-std::string Summary(const RecorderSpi& spi, const JournalWriter::Stats& s) {
+std::string Summary(const RecorderSpi& spi, const JournalWriter* writer, const RedisSink* redis) {
     using namespace orvex::journal;
     char text[1024];
     std::snprintf(text, sizeof(text),
-                  "md-record: %llu entries written (depth %llu, status %llu, instrument %llu, login %llu, template "
-                  "%llu, linked %llu, lost %llu), %llu instruments today, %llu bytes in %llu file(s)%s%s; queue high-water "
-                  "%llu of %llu bytes; dropped %llu",
-                  static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(spi.Count(kDepth)),
-                  static_cast<unsigned long long>(spi.Count(kStatus)), static_cast<unsigned long long>(spi.Count(kInstrument)),
-                  static_cast<unsigned long long>(spi.Count(kLogin)), static_cast<unsigned long long>(spi.Count(kTemplate)),
-                  static_cast<unsigned long long>(spi.Count(kLinked)), static_cast<unsigned long long>(spi.Count(kLost)),
-                  static_cast<unsigned long long>(s.instruments), static_cast<unsigned long long>(s.bytes),
-                  static_cast<unsigned long long>(s.files), s.file.empty() ? "" : ", now ", s.file.c_str(),
-                  static_cast<unsigned long long>(s.highWater), static_cast<unsigned long long>(s.queueBytes),
-                  static_cast<unsigned long long>(s.dropped));
+                  "md-record: callbacks: depth %llu, status %llu, instrument %llu, login %llu, template %llu, "
+                  "linked %llu, lost %llu",
+                  static_cast<unsigned long long>(spi.Count(kDepth)), static_cast<unsigned long long>(spi.Count(kStatus)),
+                  static_cast<unsigned long long>(spi.Count(kInstrument)), static_cast<unsigned long long>(spi.Count(kLogin)),
+                  static_cast<unsigned long long>(spi.Count(kTemplate)), static_cast<unsigned long long>(spi.Count(kLinked)),
+                  static_cast<unsigned long long>(spi.Count(kLost)));
     std::string out = text;
+    if (writer) {
+        const JournalWriter::Stats s = writer->GetStats();
+        std::snprintf(text, sizeof(text),
+                      "; journal: %llu entries written, %llu instruments today, %llu bytes in %llu file(s)%s%s, queue "
+                      "high-water %llu of %llu bytes, dropped %llu",
+                      static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.instruments),
+                      static_cast<unsigned long long>(s.bytes), static_cast<unsigned long long>(s.files),
+                      s.file.empty() ? "" : ", now ", s.file.c_str(), static_cast<unsigned long long>(s.highWater),
+                      static_cast<unsigned long long>(s.queueBytes), static_cast<unsigned long long>(s.dropped));
+        out += text;
+    }
+    if (redis) {
+        const RedisSink::Stats r = redis->GetStats();
+        std::snprintf(text, sizeof(text),
+                      "; redis: %llu entries written, %llu waiting (high-water %llu), dropped %llu, duplicates %llu, "
+                      "refused %llu, reconnects %llu",
+                      static_cast<unsigned long long>(r.written), static_cast<unsigned long long>(r.waiting),
+                      static_cast<unsigned long long>(r.highWater), static_cast<unsigned long long>(r.dropped),
+                      static_cast<unsigned long long>(r.duplicates), static_cast<unsigned long long>(r.refused),
+                      static_cast<unsigned long long>(r.reconnects));
+        out += text;
+    }
     if (spi.TemplatesSkipped())
         out += "; " + std::to_string(spi.TemplatesSkipped()) + " template records without a layout not journaled";
     return out;
@@ -210,11 +268,32 @@ int main(int argc, char** argv) {
     wo.templatesText = templates.Text();
     wo.depthDeltas = !options.wholeRecords;
     wo.log = [](const std::string& line) { std::fprintf(stderr, "md-record: %s\n", line.c_str()); };
-    JournalWriter writer(wo);
+    std::unique_ptr<JournalWriter> writer;
     std::string error;
-    if (!writer.Start(&error)) {
-        std::fprintf(stderr, "md-record: %s\n", error.c_str());
-        return 1;
+    if (!options.journal.empty()) {
+        writer.reset(new JournalWriter(wo));
+        if (!writer->Start(&error)) {
+            std::fprintf(stderr, "md-record: %s\n", error.c_str());
+            return 1;
+        }
+    }
+    std::unique_ptr<RedisSink> redis;
+    if (!options.redis.empty()) {
+        RedisSink::Options ro;
+        if (!orvex::fanout::ParseRedisUrl(options.redis, &ro.address, &error)) {
+            std::fprintf(stderr, "md-record: %s\n", error.c_str());
+            return 2;
+        }
+        ro.password = orvex::fanout::RedisPassword(options.redisConfig);
+        ro.prefix = options.redisPrefix;
+        ro.maxLen = options.redisMaxLen;
+        ro.buffer = options.redisBuffer;
+        ro.log = wo.log;
+        redis.reset(new RedisSink(ro));
+        if (!redis->Start(&error)) {
+            std::fprintf(stderr, "md-record: %s\n", error.c_str());
+            return 2;
+        }
     }
 
     struct sigaction action;
@@ -229,7 +308,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "md-record: CreateWiraMdApi failed\n");
         return 1;
     }
-    RecorderSpi spi(api, options, writer, templates.Sizes());
+    RecorderSpi spi(api, options, writer.get(), redis.get(), templates.Sizes());
     api->RegisterSpi(&spi);
     for (std::string& front : options.fronts) api->RegisterFront(&front[0]);
     for (std::string& front : options.fileFronts) api->RegisterFront(&front[0]);
@@ -244,14 +323,15 @@ int main(int argc, char** argv) {
         if (options.duration > 0 && elapsed >= options.duration) break;
         if (every > 0 && elapsed >= nextSummary) {
             nextSummary += every;
-            std::fprintf(stderr, "%s\n", Summary(spi, writer.GetStats()).c_str());
+            std::fprintf(stderr, "%s\n", Summary(spi, writer.get(), redis.get()).c_str());
         }
     }
 
     // The library is stopped first, so that its last callbacks are queued
     // before the writer drains the queue and closes the file.
     api->Release();
-    writer.Close();
-    std::fprintf(stderr, "%s\n", Summary(spi, writer.GetStats()).c_str());
+    if (writer) writer->Close();
+    if (redis) redis->Close();
+    std::fprintf(stderr, "%s\n", Summary(spi, writer.get(), redis.get()).c_str());
     return 0;
 }

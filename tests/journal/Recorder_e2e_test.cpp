@@ -369,11 +369,15 @@ TEST(RecorderE2E, ANewTradingDayStartsANewFile) {
         while (r.Next(&e)) {
             if (e.kind == kDepth) {
                 ++depth;
-                const std::string recordDay = reinterpret_cast<const COrvexWiraDepthMarketDataField*>(e.payload)->TradingDay;
+                COrvexWiraDepthMarketDataField d;
+                std::memcpy(&d, e.payload, sizeof(d));   // entries have any alignment
+                const std::string recordDay = d.TradingDay;
                 EXPECT_TRUE(recordDay == day || (i == 1 && recordDay == "20250102")) << recordDay;
             }
             if (e.kind == kStatus) {
-                EXPECT_EQ(day, reinterpret_cast<const COrvexWiraMarketStatusField*>(e.payload)->TradingDay);
+                COrvexWiraMarketStatusField st;
+                std::memcpy(&st, e.payload, sizeof(st));
+                EXPECT_EQ(day, st.TradingDay);
             }
         }
         EXPECT_GT(depth, 0u) << files[i];
