@@ -29,6 +29,7 @@
 #include "journal/JournalReader.h"
 #include "journal/RecordFields.h"
 #include "support/JournalKit.h"
+#include "support/ProcessKit.h"
 #include "support/RecordingSpi.h"
 
 namespace {
@@ -37,76 +38,10 @@ using namespace orvex::journal;
 using orvex_test::OwnedEntry;
 using orvex_test::ReadJournal;
 using orvex_test::SameFields;
+using orvex_test::Child;
 using orvex_test::ScopedTempDir;
-
-// A child process in the current directory; output to files.
-class Child {
-public:
-    Child(std::vector<std::string> args, const std::string& out, const std::string& err) {
-        m_pid = fork();
-        if (m_pid == 0) {
-            if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr)) _exit(126);
-            std::vector<char*> argv;
-            for (std::string& a : args) argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-    }
-    ~Child() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    // Sends a signal and waits; the exit status (128 + signal when killed).
-    int Stop(int sig) {
-        kill(m_pid, sig);
-        return Wait();
-    }
-    int Wait() {
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-private:
-    pid_t m_pid = -1;
-};
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-template <typename F>
-bool WaitUntil(F ready, int timeoutMs) {
-    for (int waited = 0; waited < timeoutMs; waited += 20) {
-        if (ready()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return ready();
-}
-
-// qxdc-sim on free ports.
-struct Sim {
-    explicit Sim(std::vector<std::string> options) {
-        std::vector<std::string> args = {ORVEX_SIM, "--port", "0", "--file-port", "0", "--ready-file", "sim.ready"};
-        args.insert(args.end(), options.begin(), options.end());
-        child.reset(new Child(args, "sim.out", "sim.log"));
-        WaitUntil([] { return Slurp("sim.ready").find("file_port=") != std::string::npos; }, 5000);
-        const std::string ready = Slurp("sim.ready");
-        auto port = [&](const std::string& key) {
-            const size_t at = ready.find(key + "=");
-            return at == std::string::npos ? std::string("0") : ready.substr(at + key.size() + 1, ready.find('\n', at) - at - key.size() - 1);
-        };
-        front = "tcp://127.0.0.1:" + port("quote_port");
-        fileFront = "ftp://127.0.0.1:" + port("file_port");
-    }
-    std::unique_ptr<Child> child;
-    std::string front, fileFront;
-};
+using orvex_test::Slurp;
+using orvex_test::WaitUntil;
 
 std::vector<OwnedEntry> Depths(const std::vector<OwnedEntry>& entries) {
     std::vector<OwnedEntry> out;
@@ -178,7 +113,7 @@ int64_t SqlCount(sqlite3* db, const std::string& sql) {
 TEST(RecorderE2E, JournalHoldsWhatAClientSawAndExportsWithoutLoss) {
     ScopedTempDir tmp;
     ASSERT_EQ(0, std::system((std::string(ORVEX_SIM) + " --write-templates qxdctrans.xml > /dev/null").c_str()));
-    Sim sim({"--instruments", "60", "--rate", "3000", "--seed", "11", "--index-every", "50"});
+    orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "60", "--rate", "3000", "--seed", "11", "--index-every", "50"});
     Child recorder({ORVEX_MD_RECORD, "--front", sim.front, "--file-front", sim.fileFront, "--query", "--journal", "j",
                     "--flush", "every"},
                    "record.out", "record.log");
@@ -302,7 +237,7 @@ TEST(RecorderE2E, JournalHoldsWhatAClientSawAndExportsWithoutLoss) {
 
 TEST(RecorderE2E, KilledRecorderLeavesAWholeJournalAndTheNextAppends) {
     ScopedTempDir tmp;
-    Sim sim({"--instruments", "200", "--rate", "40000", "--trading-day", "20250102"});
+    orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "200", "--rate", "40000", "--trading-day", "20250102"});
     std::mt19937 rng(20250102);
     std::string before;            // the journal's whole entries after the previous run
     size_t entriesBefore = 0;
@@ -348,7 +283,7 @@ TEST(RecorderE2E, KilledRecorderLeavesAWholeJournalAndTheNextAppends) {
 TEST(RecorderE2E, ANewTradingDayStartsANewFile) {
     ScopedTempDir tmp;
     // Trades 1 s, closes for 3 s, then the next day's auction (2 s).
-    Sim sim({"--instruments", "30", "--rate", "500", "--session", "1", "--trading-day", "20250102"});
+    orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "30", "--rate", "500", "--session", "1", "--trading-day", "20250102"});
     Child recorder({ORVEX_MD_RECORD, "--front", sim.front, "--journal", "j", "--duration", "5"}, "record.out",
                    "record.log");
     ASSERT_EQ(0, recorder.Wait());
