@@ -153,6 +153,19 @@ redisReply* RedisLink::Reply() {
     return static_cast<redisReply*>(reply);
 }
 
+bool RedisLink::Flush() {
+    if (!m_ctx) return false;
+    int done = 0;
+    while (!done) {
+        if (redisBufferWrite(m_ctx, &done) != REDIS_OK) {
+            m_error = m_ctx->errstr[0] ? m_ctx->errstr : "connection lost";
+            Close();
+            return false;
+        }
+    }
+    return true;
+}
+
 redisReply* RedisLink::Command(const std::vector<std::string>& args) {
     if (!Append(args)) return nullptr;
     return Reply();

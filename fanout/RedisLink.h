@@ -55,6 +55,9 @@ public:
     bool Append(const std::vector<std::string>& args);
     bool Append(int argc, const char** argv, const size_t* lengths);
     redisReply* Reply();
+    // Writes what Append queued, without reading replies; false (and
+    // closed) when the connection failed.
+    bool Flush();
     // One command and its reply (null when the connection failed).
     redisReply* Command(const std::vector<std::string>& args);
     const std::string& Error() const { return m_error; }

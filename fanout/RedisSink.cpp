@@ -139,48 +139,70 @@ void RedisSink::GiveIds(Item& item) {
     item.hasIds = true;
 }
 
-size_t RedisSink::Send(std::deque<Item>& batch) {
+void RedisSink::Append(Batch& b) {
+    std::deque<Item>& batch = b.items;
     // Per entry: the exchange stream, the instrument stream (depth), and
     // the exchange's name in the set the first time on this connection.
-    std::vector<int> commands;   // replies per entry
-    const std::string maxLen = std::to_string(m_options.maxLen);
+    // The arguments are formatted into fixed buffers: this loop runs for
+    // every record.
+    std::vector<int>& commands = b.commands;   // replies per entry
+    commands.clear();
+    commands.reserve(batch.size());
+    char maxLen[24];
+    std::snprintf(maxLen, sizeof(maxLen), "%llu", static_cast<unsigned long long>(m_options.maxLen));
     for (Item& item : batch) {
         GiveIds(item);
         const bool depth = item.depth;
-        const std::string exchange = depth ? Text(item.d.ExchangeID, sizeof(item.d.ExchangeID))
-                                           : Text(item.s.ExchangeID, sizeof(item.s.ExchangeID));
-        const std::string id = depth ? Text(item.d.InstrumentID, sizeof(item.d.InstrumentID)) : std::string();
-        std::string time = depth ? Text(item.d.UpdateTime, sizeof(item.d.UpdateTime)) : Text(item.s.UpdateTime, sizeof(item.s.UpdateTime));
+        const char* exchange = depth ? item.d.ExchangeID : item.s.ExchangeID;
+        const size_t exchangeLen = strnlen(exchange, sizeof(item.d.ExchangeID));
+        const char* id = depth ? item.d.InstrumentID : "";
+        const size_t idLen = depth ? strnlen(id, sizeof(item.d.InstrumentID)) : 0;
+        char time[16];
         if (depth) {
-            char ms[8];
-            std::snprintf(ms, sizeof(ms), ".%03d", item.d.UpdateMillisec % 1000 < 0 ? 0 : item.d.UpdateMillisec % 1000);
-            time += ms;
+            const int ms = item.d.UpdateMillisec < 0 ? 0 : item.d.UpdateMillisec % 1000;
+            std::snprintf(time, sizeof(time), "%.8s.%03d", item.d.UpdateTime, ms);
+        } else {
+            std::snprintf(time, sizeof(time), "%.8s", item.s.UpdateTime);
         }
-        const std::string day = depth ? Text(item.d.TradingDay, sizeof(item.d.TradingDay)) : Text(item.s.TradingDay, sizeof(item.s.TradingDay));
-        const std::string rt = std::to_string(item.receiveNs);
+        const char* day = depth ? item.d.TradingDay : item.s.TradingDay;
+        char rt[24];
+        std::snprintf(rt, sizeof(rt), "%lld", static_cast<long long>(item.receiveNs));
         const char* raw = depth ? reinterpret_cast<const char*>(&item.d) : reinterpret_cast<const char*>(&item.s);
         const size_t rawSize = depth ? sizeof(item.d) : sizeof(item.s);
+        char exchangeKey[64], instrumentKey[128];
+        const int exchangeKeyLen = std::snprintf(exchangeKey, sizeof(exchangeKey), "%s:{%.*s}", m_options.prefix.c_str(),
+                                                 static_cast<int>(exchangeLen), exchange);
+        const int instrumentKeyLen = std::snprintf(instrumentKey, sizeof(instrumentKey), "%s:{%.*s}:%.*s",
+                                                   m_options.prefix.c_str(), static_cast<int>(exchangeLen), exchange,
+                                                   static_cast<int>(idLen), id);
         int n = 0;
-        auto xadd = [&](const std::string& key, uint64_t ms, uint64_t seq) {
-            const std::string streamId = std::to_string(ms) + "-" + std::to_string(seq);
-            const char* argv[20] = {"XADD", key.c_str(), "MAXLEN", "~", maxLen.c_str(), streamId.c_str(),
-                                    "k", depth ? "depth" : "status", "i", id.c_str(), "x", exchange.c_str(),
-                                    "t", time.c_str(), "d", day.c_str(), "rt", rt.c_str(), "r", raw};
-            size_t len[20];
-            for (int a = 0; a < 19; ++a) len[a] = std::strlen(argv[a]);
-            len[19] = rawSize;
+        auto xadd = [&](const char* key, int keyLen, uint64_t ms, uint64_t seq) {
+            char streamId[48];
+            std::snprintf(streamId, sizeof(streamId), "%llu-%llu", static_cast<unsigned long long>(ms),
+                          static_cast<unsigned long long>(seq));
+            const char* argv[20] = {"XADD", key, "MAXLEN", "~", maxLen, streamId, "k", depth ? "depth" : "status",
+                                    "i", id, "x", exchange, "t", time, "d", day, "rt", rt, "r", raw};
+            const size_t len[20] = {4, static_cast<size_t>(keyLen), 6, 1, std::strlen(maxLen), std::strlen(streamId),
+                                    1, depth ? 5u : 6u, 1, idLen, 1, exchangeLen, 1, std::strlen(time), 1,
+                                    strnlen(day, 9), 2, std::strlen(rt), 1, rawSize};
             m_link.Append(20, argv, len);
             ++n;
         };
-        const std::string exchangeKey = ExchangeKey(m_options.prefix, exchange);
-        if (m_exchangesKnown.insert(exchange).second) {
-            m_link.Append({"SADD", m_options.prefix + ":exchanges", exchange});
+        const std::string exchangeText(exchange, exchangeLen);
+        if (m_exchangesKnown.insert(exchangeText).second) {
+            m_link.Append({"SADD", m_options.prefix + ":exchanges", exchangeText});
             ++n;
         }
-        xadd(exchangeKey, item.exchangeMs, item.exchangeSeq);
-        if (depth) xadd(InstrumentKey(m_options.prefix, exchange, id), item.instrumentMs, item.instrumentSeq);
+        xadd(exchangeKey, exchangeKeyLen, item.exchangeMs, item.exchangeSeq);
+        if (depth) xadd(instrumentKey, instrumentKeyLen, item.instrumentMs, item.instrumentSeq);
         commands.push_back(n);
     }
+    m_link.Flush();
+}
+
+size_t RedisSink::ReadReplies(Batch& b) {
+    std::deque<Item>& batch = b.items;
+    const std::vector<int>& commands = b.commands;
     size_t done = 0;
     uint64_t written = 0, duplicates = 0, refused = 0;
     std::string firstError;
@@ -228,48 +250,39 @@ bool RedisSink::Connect() {
 }
 
 void RedisSink::Run() {
-    std::deque<Item> batch;
+    // Two batches in flight: while Redis works through one, the next is
+    // formatted and sent, so that neither side waits for the other.
+    std::deque<Batch> inflight;
     int backoffMs = 100;
     for (;;) {
-        {
-            std::unique_lock<std::mutex> lock(m_lock);
-            if (batch.empty()) {
-                m_wake.wait(lock, [this] { return m_stop || !m_queue.empty(); });
-                if (m_queue.empty()) break;   // stopping, everything sent
-                while (!m_queue.empty() && batch.size() < m_options.batch) {
-                    batch.push_back(std::move(m_queue.front()));
+        // Take the next batch when there is room in flight.
+        if (inflight.size() < 2 && m_link.IsOpen()) {
+            Batch next;
+            {
+                std::unique_lock<std::mutex> lock(m_lock);
+                if (inflight.empty()) {
+                    m_wake.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+                    if (m_queue.empty()) break;   // stopping, everything sent
+                }
+                while (!m_queue.empty() && next.items.size() < m_options.batch) {
+                    next.items.push_back(std::move(m_queue.front()));
                     m_queue.pop_front();
                 }
             }
-        }
-        if (!m_link.IsOpen()) {
-            if (Connect()) {
-                Log("redis: reconnected to " + m_options.address.Describe());
-                backoffMs = 100;
-            } else {
-                std::unique_lock<std::mutex> lock(m_lock);
-                if (m_stop && SteadyMs() >= m_drainUntil) {
-                    Log("redis: giving up at exit with " + std::to_string(batch.size() + m_queue.size()) +
-                        " entries unsent");
-                    m_stats.dropped += batch.size() + m_queue.size();
-                    m_queue.clear();
-                    batch.clear();
-                    break;
-                }
-                // While waiting, what the batch holds still counts against
-                // the bound: the oldest go first.
-                while (!batch.empty() && batch.size() + m_queue.size() > m_options.buffer) {
-                    batch.pop_front();
-                    ++m_stats.dropped;
-                }
-                m_wake.wait_for(lock, std::chrono::milliseconds(backoffMs), [this] { return m_stop; });
-                backoffMs = std::min(backoffMs * 2, 2000);
-                continue;
+            if (!next.items.empty()) {
+                Append(next);
+                inflight.push_back(std::move(next));
+                continue;   // fill the second slot before waiting for replies
             }
         }
-        const size_t done = Send(batch);
-        batch.erase(batch.begin(), batch.begin() + static_cast<long>(done));
-        if (!batch.empty()) {
+        if (!inflight.empty() && m_link.IsOpen()) {
+            Batch& first = inflight.front();
+            const size_t done = ReadReplies(first);
+            if (done == first.items.size()) {
+                inflight.pop_front();
+                continue;
+            }
+            first.items.erase(first.items.begin(), first.items.begin() + static_cast<long>(done));
             uint64_t written;
             {
                 std::lock_guard<std::mutex> lock(m_lock);
@@ -280,6 +293,35 @@ void RedisSink::Run() {
                 std::to_string(written) + " entries written; keeping up to " + std::to_string(m_options.buffer) +
                 " entries while reconnecting");
         }
+        if (m_link.IsOpen()) continue;
+        {
+            // Everything unacknowledged goes back to the front of the queue,
+            // in order, so that it is sent first and, past the bound, is
+            // the first dropped: it is the oldest.
+            std::lock_guard<std::mutex> lock(m_lock);
+            for (auto b = inflight.rbegin(); b != inflight.rend(); ++b)
+                m_queue.insert(m_queue.begin(), std::make_move_iterator(b->items.begin()),
+                               std::make_move_iterator(b->items.end()));
+            inflight.clear();
+            while (m_queue.size() > m_options.buffer) {
+                m_queue.pop_front();
+                ++m_stats.dropped;
+            }
+        }
+        if (Connect()) {
+            Log("redis: reconnected to " + m_options.address.Describe());
+            backoffMs = 100;
+            continue;
+        }
+        std::unique_lock<std::mutex> lock(m_lock);
+        if (m_stop && SteadyMs() >= m_drainUntil) {
+            Log("redis: giving up at exit with " + std::to_string(m_queue.size()) + " entries unsent");
+            m_stats.dropped += m_queue.size();
+            m_queue.clear();
+            break;
+        }
+        m_wake.wait_for(lock, std::chrono::milliseconds(backoffMs), [this] { return m_stop; });
+        backoffMs = std::min(backoffMs * 2, 2000);
     }
     m_link.Close();
     std::lock_guard<std::mutex> lock(m_lock);

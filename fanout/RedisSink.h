@@ -32,6 +32,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "OrvexWiraMdStruct.h"
 #include "fanout/RedisLink.h"
@@ -47,7 +48,7 @@ public:
         std::string prefix = "md";
         uint64_t maxLen = 1000000;      // MAXLEN ~ of every stream
         size_t buffer = 1000000;        // entries waiting at most
-        size_t batch = 512;             // entries per pipelined round trip
+        size_t batch = 2048;            // entries per pipelined round trip
         int timeoutMs = 2000;
         std::function<void(const std::string&)> log;   // stderr when empty
     };
@@ -100,12 +101,19 @@ private:
         uint64_t ms = 0, seq = 0;
     };
 
+    struct Batch {
+        std::deque<Item> items;
+        std::vector<int> commands;   // replies due per item
+    };
+
     void Push(Item&& item);
     void Run();
     bool Connect();
-    // Sends a batch; returns how many of its first entries are done (all
-    // their replies read). Fewer than the batch: the connection failed.
-    size_t Send(std::deque<Item>& batch);
+    // Queues and sends a batch's commands without waiting for replies.
+    void Append(Batch& batch);
+    // Reads a sent batch's replies; returns how many of its first entries
+    // are done (all their replies read). Fewer: the connection failed.
+    size_t ReadReplies(Batch& batch);
     void GiveIds(Item& item);
     void Log(const std::string& line);
 
