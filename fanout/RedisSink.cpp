@@ -130,7 +130,7 @@ void RedisSink::GiveIds(Item& item) {
     next(ex);
     item.exchangeMs = ex.ms;
     item.exchangeSeq = ex.seq;
-    if (item.depth) {
+    if (item.depth && m_options.instrumentStreams) {
         Clock& in = m_clocks[InstrumentKey(m_options.prefix, exchange, Text(item.d.InstrumentID, sizeof(item.d.InstrumentID)))];
         next(in);
         item.instrumentMs = in.ms;
@@ -194,7 +194,7 @@ void RedisSink::Append(Batch& b) {
             ++n;
         }
         xadd(exchangeKey, exchangeKeyLen, item.exchangeMs, item.exchangeSeq);
-        if (depth) xadd(instrumentKey, instrumentKeyLen, item.instrumentMs, item.instrumentSeq);
+        if (depth && m_options.instrumentStreams) xadd(instrumentKey, instrumentKeyLen, item.instrumentMs, item.instrumentSeq);
         commands.push_back(n);
     }
     m_link.Flush();

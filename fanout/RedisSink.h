@@ -3,7 +3,9 @@
 // Keys (prefix "md" unless set otherwise):
 //   md:{EXCHANGE}              every depth record and status report of the
 //                              exchange, in order
-//   md:{EXCHANGE}:INSTRUMENT   the instrument's depth records
+//   md:{EXCHANGE}:INSTRUMENT   the instrument's depth records (unless
+//                              instrumentStreams is off: then a consumer of
+//                              one instrument filters its exchange's stream)
 //   md:exchanges               a set of the exchange codes that have streams
 // The braces keep an exchange's keys on one Redis Cluster slot. Entry ids
 // are the receive time in milliseconds and a sequence number within the
@@ -49,6 +51,7 @@ public:
         uint64_t maxLen = 1000000;      // MAXLEN ~ of every stream
         size_t buffer = 1000000;        // entries waiting at most
         size_t batch = 2048;            // entries per pipelined round trip
+        bool instrumentStreams = true;  // also P:{EXCHANGE}:INSTRUMENT (half the throughput)
         int timeoutMs = 2000;
         std::function<void(const std::string&)> log;   // stderr when empty
     };

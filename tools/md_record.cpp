@@ -52,6 +52,7 @@ struct Options : ClientOptions {
     std::string redisPrefix = "md";
     uint64_t redisMaxLen = 1000000;
     size_t redisBuffer = 1000000;
+    bool redisInstrumentStreams = true;
 };
 
 void Usage(FILE* out) {
@@ -73,6 +74,9 @@ void Usage(FILE* out) {
                  "                       from ORVEX_REDIS_PASSWORD or --redis-config, never the command line\n"
                  "  --redis-config FILE  an INI file with [redis] password=...\n"
                  "  --redis-prefix P     key prefix (md): streams P:{EXCHANGE} and P:{EXCHANGE}:INSTRUMENT\n"
+                 "  --redis-streams S    both (default): a stream per exchange and one per instrument;\n"
+                 "                       exchange: per exchange only (twice the rate into Redis; a consumer\n"
+                 "                       of one instrument filters its exchange's stream)\n"
                  "  --redis-maxlen N     trim every stream to about N entries (1000000)\n"
                  "  --redis-buffer N     entries kept while Redis is away (1000000); past that the oldest\n"
                  "                       are dropped and counted\n"
@@ -129,6 +133,13 @@ int ParseOptions(int argc, char** argv, Options& o) {
         } else if (arg == "--redis" || arg == "--redis-config" || arg == "--redis-prefix") {
             if (!(v = value())) return 2;
             (arg == "--redis" ? o.redis : arg == "--redis-config" ? o.redisConfig : o.redisPrefix) = v;
+        } else if (arg == "--redis-streams") {
+            if (!(v = value())) return 2;
+            if (std::strcmp(v, "both") != 0 && std::strcmp(v, "exchange") != 0) {
+                std::fprintf(stderr, "md-record: --redis-streams takes both or exchange, not %s\n", v);
+                return 2;
+            }
+            o.redisInstrumentStreams = std::strcmp(v, "both") == 0;
         } else if (arg == "--redis-maxlen" || arg == "--redis-buffer") {
             if (!(v = value())) return 2;
             char* end = nullptr;
@@ -288,6 +299,7 @@ int main(int argc, char** argv) {
         ro.prefix = options.redisPrefix;
         ro.maxLen = options.redisMaxLen;
         ro.buffer = options.redisBuffer;
+        ro.instrumentStreams = options.redisInstrumentStreams;
         ro.log = wo.log;
         redis.reset(new RedisSink(ro));
         if (!redis->Start(&error)) {

@@ -177,12 +177,28 @@ int main(int argc, char** argv) {
         after[key] = start;
     };
     const size_t dot = o.instrument.find('.');
+    std::string filter;   // an instrument to pick out of an exchange stream
     if (!o.instrument.empty()) {
         if (dot == std::string::npos) {
             std::fprintf(stderr, "md-tail: --instrument takes ID.EXCHANGE (cu2501.SHFE)\n");
             return 2;
         }
-        follow(RedisSink::InstrumentKey(o.prefix, o.instrument.substr(dot + 1), o.instrument.substr(0, dot)));
+        const std::string ex = o.instrument.substr(dot + 1);
+        const std::string key = RedisSink::InstrumentKey(o.prefix, ex, o.instrument.substr(0, dot));
+        // A recorder with --redis-streams exchange keeps no instrument
+        // streams: then the exchange's stream is read and filtered.
+        redisReply* r = link.Command({"EXISTS", key});
+        const bool exists = r && r->type == REDIS_REPLY_INTEGER && r->integer == 1;
+        FreeReply(r);
+        r = link.Command({"EXISTS", RedisSink::ExchangeKey(o.prefix, ex)});
+        const bool exchangeExists = r && r->type == REDIS_REPLY_INTEGER && r->integer == 1;
+        FreeReply(r);
+        if (!exists && exchangeExists) {
+            filter = o.instrument.substr(0, dot);
+            follow(RedisSink::ExchangeKey(o.prefix, ex));
+        } else {
+            follow(key);
+        }
     } else if (!o.exchange.empty()) {
         follow(RedisSink::ExchangeKey(o.prefix, o.exchange));
     }
@@ -242,16 +258,18 @@ int main(int argc, char** argv) {
                 if (o.group.empty()) after[key] = id;
                 else acks.emplace_back(key, id);
                 const redisReply* fields = entry->element[1];
-                std::string kind, raw, rt;
+                std::string kind, raw, rt, instrument;
                 for (size_t f = 0; f + 1 < fields->elements; f += 2) {
                     const std::string name = Str(fields->element[f]);
                     if (name == "k") kind = Str(fields->element[f + 1]);
+                    else if (name == "i") instrument = Str(fields->element[f + 1]);
                     else if (name == "r") raw = Str(fields->element[f + 1]);
                     else if (name == "rt") rt = Str(fields->element[f + 1]);
                 }
                 const bool depth = kind == "depth" && raw.size() == sizeof(COrvexWiraDepthMarketDataField);
                 const bool status = kind == "status" && raw.size() == sizeof(COrvexWiraMarketStatusField);
                 if (!depth && !(status && o.status && !o.csv)) continue;
+                if (!filter.empty() && (!depth || instrument != filter)) continue;
                 if (o.count && printed >= o.count) continue;
                 Entry x;
                 x.kind = depth ? orvex::journal::kDepth : orvex::journal::kStatus;

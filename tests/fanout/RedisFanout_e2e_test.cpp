@@ -335,6 +335,39 @@ TEST(RedisFanoutE2E, WrongOrMissingPasswordIsAClearError) {
     }
 }
 
+// With exchange streams only, an instrument's consumer gets the same
+// records, picked out of its exchange's stream.
+TEST(RedisFanoutE2E, ExchangeStreamsOnly) {
+    ScopedTempDir tmp;
+    RedisServer redis;
+    orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "20", "--rate", "1000"});
+    Child recorder({ORVEX_MD_RECORD, "--front", sim.front, "--journal", "j", "--redis", redis.Url(), "--redis-streams",
+                    "exchange", "--duration", "1.5"},
+                   "record.out", "record.log");
+    ASSERT_EQ(0, recorder.Wait()) << Slurp("record.log");
+    const auto journal = ByExchange("j");
+    const std::vector<OwnedEntry>& shfe = journal.at("SHFE");
+    COrvexWiraDepthMarketDataField last;
+    std::memcpy(&last, shfe.back().payload.data(), sizeof(last));
+    std::string expected;
+    for (const OwnedEntry& e : shfe) {
+        COrvexWiraDepthMarketDataField d;
+        if (e.kind != kDepth) continue;
+        std::memcpy(&d, e.payload.data(), sizeof(d));
+        if (std::strcmp(d.InstrumentID, last.InstrumentID) == 0) expected += Line(e);
+    }
+    RedisLink link;
+    ASSERT_TRUE(link.Open(redis.Address(), "", 2000, nullptr));
+    EXPECT_EQ(shfe.size(), ReadStream(link, RedisSink::ExchangeKey("md", "SHFE")).size());
+    EXPECT_EQ(0u, ReadStream(link, RedisSink::InstrumentKey("md", "SHFE", last.InstrumentID)).size());
+    Child tail({ORVEX_MD_TAIL, "--redis", redis.Url(), "--instrument", std::string(last.InstrumentID) + ".SHFE",
+                "--from-start", "--idle-exit", "0.5"},
+               "one.jsonl", "one.log");
+    EXPECT_EQ(0, tail.Wait());
+    EXPECT_FALSE(expected.empty());
+    EXPECT_EQ(expected, Slurp("one.jsonl"));
+}
+
 TEST(RedisUrl, FormsAndMistakes) {
     RedisAddress a;
     std::string error;
