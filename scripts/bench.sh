@@ -33,7 +33,7 @@ fi
 
 # ---- build ----
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DORVEX_BUILD_TESTS=OFF -DORVEX_BENCH=ON >/dev/null
-cmake --build "$build" -j"$(nproc)" --target orvex-bench-micro orvex-bench-e2e orvex-bench-journal
+cmake --build "$build" -j"$(nproc)" --target orvex-bench-micro orvex-bench-e2e orvex-bench-journal orvex-bench-redis
 # The Python benchmark, when the binding is built (pybind11 found).
 python_bench=0
 if cmake --build "$build" -j"$(nproc)" --target _orvexbench _orvexmd >/dev/null 2>&1; then python_bench=1; fi
@@ -64,6 +64,11 @@ journal_args=()
 if [ "$quick" = 1 ]; then journal_args=(--records 300000 --passes 2); fi
 "${run[@]}" "$build/bench/orvex-bench-journal" "${journal_args[@]}" --dir "$work/journal" \
   --markdown "$work/journal.md" || echo "the journal benchmark failed" >&2
+echo "== redis"
+redis_args=()
+if [ "$quick" = 1 ]; then redis_args=(--rows 200000 --rounds 1 --paced-seconds 2); fi
+"${run[@]}" "$build/bench/orvex-bench-redis" "${redis_args[@]}" --markdown "$work/redis.md" ||
+  echo "the Redis benchmark failed" >&2
 if [ "$python_bench" = 1 ] && [ -d "$work/journal" ]; then
   PYTHONPATH="$build/python" "${run[@]}" /usr/bin/python3 "$root/python/bench/bench_journal.py" "$work/journal" \
     --markdown "$work/journal-python.md" || echo "the read_journal benchmark failed" >&2
@@ -172,6 +177,7 @@ fi
   if [ -s "$work/python.md" ]; then cat "$work/python.md"; echo; fi
   if [ -s "$work/journal.md" ]; then cat "$work/journal.md"; fi
   if [ -s "$work/journal-python.md" ]; then cat "$work/journal-python.md"; echo; fi
+  if [ -s "$work/redis.md" ]; then cat "$work/redis.md"; fi
   echo "## Micro-benchmarks"
   echo
   echo "An API object that is never started, its model filled through the handlers (one market of 1,000"
