@@ -22,10 +22,9 @@ from orvexmd.redis import follow
 
 def work(name, args, results):
     counts = collections.Counter()
-    deadline = time.monotonic() + args.seconds
     first = last = None
     for e in follow(args.url, exchange=args.exchange, since=args.since, group=args.group, consumer=name,
-                    block_ms=200, status=True):
+                    block_ms=200, status=True, until=args.until, batch=args.batch):
         rec = e.record
         key = getattr(rec, "InstrumentID", "") or "(status)"
         counts[key] += 1
@@ -34,8 +33,6 @@ def work(name, args, results):
         n = sum(counts.values())
         if args.every and n % args.every == 0:
             print("%s: %d records, last %s %s %s" % (name, n, e.id, key, getattr(rec, "LastPrice", "")), flush=True)
-        if time.monotonic() >= deadline:
-            break
     results.put((name, dict(counts), first, last))
 
 
@@ -48,10 +45,14 @@ def main():
     p.add_argument("--since", default=None, help="start, HH:MM:SS or epoch seconds when the group is made "
                                                   "(default: its new entries)")
     p.add_argument("--seconds", type=float, default=10.0, help="how long the workers run")
+    p.add_argument("--batch", type=int, default=64, help="entries a worker takes at a time: smaller shares "
+                                                       "more evenly, larger costs fewer round trips")
     p.add_argument("--every", type=int, default=1000, help="print a line per this many records (0: never)")
     args = p.parse_args()
     if args.since and args.since.replace(".", "", 1).isdigit():
         args.since = float(args.since)
+    # The same end for every worker.
+    args.until = time.time() + args.seconds
 
     results = multiprocessing.Queue()
     procs = [multiprocessing.Process(target=work, args=("worker-%d" % i, args, results))

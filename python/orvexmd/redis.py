@@ -161,7 +161,7 @@ def _text(v):
 
 class _Follower:
     def __init__(self, client, keys, prefix, since, count, block_ms, group, consumer, status, discover_every,
-                 batch):
+                 batch, until):
         self.client = client
         self.fixed = keys is not None
         self.prefix = prefix
@@ -173,6 +173,8 @@ class _Follower:
         self.status = status
         self.discover_every = discover_every
         self.batch = batch
+        # Wall clock seconds at which to stop, or None.
+        self.until = until
         # Stream key -> the ID to read after (XREAD), or "0" while the
         # group's entries pending for this consumer are read again, then ">".
         self.ids = {}
@@ -223,6 +225,12 @@ class _Follower:
         for name in names:
             self._add("%s:{%s}" % (self.prefix, name), initial)
 
+    def _left_ms(self):
+        """Milliseconds to ``until``; None without one."""
+        if self.until is None:
+            return None
+        return max(0, int((self.until - _time.time()) * 1000))
+
     def _read(self, block):
         want = self.batch if self.count is None else max(1, min(self.batch, self.count - self.yielded))
         if self.group is None:
@@ -247,18 +255,26 @@ class _Follower:
         if self.count is not None and self.count <= 0:
             return
         while True:
+            left = self._left_ms()
+            if left == 0:
+                return
             if not self.fixed and _time.monotonic() - self.discovered_at >= self.discover_every:
                 self._discover()
             if not self.ids:
                 if self.block_ms is None:
                     return
                 # Nothing to read yet: wait as long as a read would block.
-                _time.sleep(max(self.block_ms, 100) / 1000.0)
+                wait = max(self.block_ms, 100)
+                _time.sleep((wait if left is None else min(wait, left)) / 1000.0)
                 self._discover()
                 continue
             # Re-reading this consumer's pending entries never blocks.
             replaying = any(v == "0" for v in self.ids.values())
-            reply = self._read(None if replaying or self.block_ms is None else self.block_ms)
+            block = None if replaying or self.block_ms is None else self.block_ms
+            if block is not None and left is not None:
+                # BLOCK 0 would wait without end.
+                block = max(1, left if block == 0 else min(block, left))
+            reply = self._read(block)
             got = 0
             for key, entries in reply or []:
                 key = _text(key)
@@ -294,7 +310,7 @@ class _Follower:
 
 
 def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms=1000, group=None, consumer=None,
-           status=False, prefix="md", password=None, discover_every=5.0, batch=256):
+           status=False, prefix="md", password=None, discover_every=5.0, batch=256, until=None):
     """Records from the streams, as they come: a generator of Entry
     ``(time, id, record, stream)``.
 
@@ -319,7 +335,9 @@ def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms
     Waiting:
       a read waits up to ``block_ms`` ms for entries (Redis BLOCK) and then
       reads again; 0 waits without end; None stops as soon as there is
-      nothing more to read.
+      nothing more to read. ``until`` (a datetime, epoch seconds or
+      "HH:MM:SS" today, as ``since``) ends the generator at that time even
+      when nothing comes; the last read waits no longer than that.
 
     Consumer groups (``group`` and ``consumer``):
       the group is created on each stream if missing (at ``since``, else at
@@ -340,6 +358,7 @@ def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms
         raise ValueError("block_ms: None or an integer >= 0")
     if since is not None:
         start_id(since)  # checks it now rather than at the first record
+    until_s = None if until is None else _ms_of(until) / 1000.0
     keys = None
     instruments = _as_list(instrument)
     exchanges = _as_list(exchange)
@@ -360,7 +379,7 @@ def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms
     client = connect(url, password)
     try:
         follower = _Follower(client, keys, prefix, since, count, block_ms, group, consumer, status, discover_every,
-                             batch)
+                             batch, until_s)
     except BaseException:
         client.close()
         raise

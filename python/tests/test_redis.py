@@ -298,6 +298,20 @@ def test_new_entries_only_and_blocking(server):
     assert 3 <= calls <= 8
 
 
+def test_until_ends_a_quiet_follow(server):
+    fill(server.client, base_time())
+    start = time.monotonic()
+    res = collect(mdredis.follow(server.url, exchange="SHFE", block_ms=0, until=time.time() + 0.4))
+    took = time.monotonic() - start
+    assert res == [] and 0.3 <= took < 2.0
+    # The records before it, then the end.
+    start = time.monotonic()
+    res = collect(mdredis.follow(server.url, since="start", block_ms=5000, until=time.time() + 0.5))
+    assert len(res) == 50 and time.monotonic() - start < 2.0
+    # A time already past: nothing.
+    assert list(mdredis.follow(server.url, since="start", until=time.time() - 1)) == []
+
+
 def test_discovers_new_exchange(server):
     fill(server.client, base_time())
     gen = mdredis.follow(server.url, block_ms=100, discover_every=0.2, count=1)
