@@ -141,6 +141,29 @@ void BindRecord(py::module_& m, const char* name, std::vector<FieldInfo> fields,
     cls.def_property_readonly(
         "raw", [](const Record<T>& r) { return py::bytes(reinterpret_cast<const char*>(&r.rec), sizeof(T)); },
         "The record's exact bytes.");
+    cls.def_static(
+        "from_raw",
+        [name](const py::object& data) {
+            // bytes as they are; bytearray, memoryview and other buffers
+            // through bytes().
+            py::object b = data;
+            if (!PyBytes_Check(data.ptr())) {
+                b = py::reinterpret_steal<py::object>(PyBytes_FromObject(data.ptr()));
+                if (!b) throw py::error_already_set();
+            }
+            char* p = nullptr;
+            Py_ssize_t n = 0;
+            if (PyBytes_AsStringAndSize(b.ptr(), &p, &n) != 0) throw py::error_already_set();
+            if (static_cast<size_t>(n) != sizeof(T))
+                throw py::value_error(std::string(name) + ".from_raw: " + std::to_string(sizeof(T)) +
+                                      " bytes needed, got " + std::to_string(n));
+            Record<T> r;
+            std::memcpy(&r.rec, p, sizeof(T));
+            return r;
+        },
+        py::arg("raw"),
+        "The record of these exact bytes (bytes or any bytes-like object); ValueError unless there are "
+        "exactly ``size`` of them.");
     cls.def("to_dict", [shared](const Record<T>& r) {
         py::dict d;
         for (const FieldInfo& f : *shared) d[f.name] = GetField(reinterpret_cast<const char*>(&r.rec), f);

@@ -219,6 +219,38 @@ def test_records_and_the_depth_dtype_follow_the_c_layout():
     assert orvexmd.RspInfoField().ErrorMsg == ""
 
 
+def test_from_raw_builds_the_record_of_its_bytes():
+    d = orvexmd.DepthMarketDataField(TradingDay="20250102", InstrumentID="cu2501", ExchangeID="SHFE",
+                                     LastPrice=70120.0, Volume=1234.0, BidVolume1=8, UpdateTime="10:15:00",
+                                     UpdateMillisec=500)
+    back = orvexmd.DepthMarketDataField.from_raw(d.raw)
+    assert back.raw == d.raw
+    assert back.to_dict() == d.to_dict() == field_values(back)
+    assert back.InstrumentID == "cu2501" and back.BidVolume1 == 8 and back.LastPrice == 70120.0
+    # Another record's bytes give another record; a copy, not a view.
+    buf = bytearray(d.raw)
+    other = orvexmd.DepthMarketDataField.from_raw(buf)
+    buf[:6] = b"999999"
+    assert other.raw == d.raw
+    assert orvexmd.DepthMarketDataField.from_raw(memoryview(d.raw)).raw == d.raw
+    s = orvexmd.MarketStatusField(ExchangeID="SHFE", TradingDay="20250102", UpdateTime="10:15:00",
+                                  MarketStatus="2")
+    assert len(s.raw) == orvexmd.MarketStatusField.size == 37
+    back = orvexmd.MarketStatusField.from_raw(s.raw)
+    assert back.raw == s.raw and back.MarketStatus == "2" and back.UpdateTime == "10:15:00"
+
+
+def test_from_raw_wants_exactly_the_record_size():
+    raw = orvexmd.DepthMarketDataField(InstrumentID="cu2501").raw
+    for bad in (raw[:-1], raw + b"\0", b""):
+        with pytest.raises(ValueError, match="408"):
+            orvexmd.DepthMarketDataField.from_raw(bad)
+    with pytest.raises(ValueError, match="37"):
+        orvexmd.MarketStatusField.from_raw(raw)
+    with pytest.raises(TypeError):
+        orvexmd.MarketStatusField.from_raw("x" * 37)
+
+
 def test_template_records_arrive_as_the_bytes_of_their_layout(workdir, sim):
     import subprocess
     import conftest
