@@ -444,3 +444,40 @@ def test_arguments(server):
         mdredis.follow(server.url, instrument="cu2501")
     with pytest.raises(ValueError):
         mdredis.follow(server.url, exchange="SHFE", block_ms=-1)
+
+
+def test_follow_what_md_record_published(server, tmp_path):
+    """md-record against the simulator, publishing into this server and
+    journaling at the same time: follow() gives back the journal's records
+    of an instrument and of an exchange, byte for byte, in order."""
+    from conftest import ROOT, Sim
+
+    tools = ROOT / "build" / "tools"
+    md_record = os.environ.get("ORVEX_MD_RECORD") or str(tools / "md-record")
+    sim_dir = tmp_path / "sim"
+    sim_dir.mkdir()
+    sim = Sim(sim_dir, "--instruments", "20", "--rate", "1000")
+    try:
+        subprocess.run([md_record, "--front", sim.front, "--journal", str(tmp_path / "j"), "--redis", server.url,
+                        "--duration", "1.5"], cwd=tmp_path, check=True, capture_output=True)
+    finally:
+        sim.stop()
+    j = orvexmd.read_journal(tmp_path / "j")
+    rows = j.depth.tobytes()
+    records = [rows[i * 416:i * 416 + 408] for i in range(len(j.depth))]
+    shfe = [r for r, x in zip(records, j.depth["ExchangeID"]) if x == b"SHFE"]
+    assert len(shfe) > 50
+    got_shfe = [e.record.raw for e in orvexmd.redis.follow(server.url, exchange="SHFE", since="start", block_ms=None)]
+    assert got_shfe == shfe
+    one = j.depth[-1]["InstrumentID"].decode()
+    mine = [r for r, x in zip(records, j.depth["InstrumentID"]) if x == one.encode()]
+    got = list(orvexmd.redis.follow(server.url, instrument=one + ".SHFE" if j.depth[-1]["ExchangeID"] == b"SHFE"
+                                    else one + "." + j.depth[-1]["ExchangeID"].decode(), since="start", block_ms=None))
+    assert [e.record.raw for e in got] == mine
+    assert [e.time for e in got] == [int(t) for t, x in zip(j.depth["time"], j.depth["InstrumentID"]) if x == one.encode()]
+    # Status reports come with status=True, in the exchange's order.
+    statuses = [s for t, s in j.status if s.ExchangeID == "SHFE"]
+    got_status = [e.record for e in orvexmd.redis.follow(server.url, exchange="SHFE", since="start", block_ms=None,
+                                                          status=True)
+                  if isinstance(e.record, orvexmd.MarketStatusField)]
+    assert [s.raw for s in got_status] == [s.raw for s in statuses]
