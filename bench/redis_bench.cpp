@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
         else if (a == "--paced-seconds") pacedSeconds = std::atof(next().c_str());
         else if (a == "--markdown") markdown = next();
     }
+    signal(SIGPIPE, SIG_IGN);
     ScratchDir scratch("orvex-redis-");
     if (scratch.Path().empty() || chdir(scratch.Path().c_str()) != 0) return 1;
     scratch.Write("OrvexWiraMdApi.def", "[CONFIG]\nLog=0\nSubscribe=0\nDeltaQuot=0\n");

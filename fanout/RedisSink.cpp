@@ -283,17 +283,23 @@ void RedisSink::Run() {
                 continue;
             }
             first.items.erase(first.items.begin(), first.items.begin() + static_cast<long>(done));
-            uint64_t written;
+        }
+        if (m_link.IsOpen()) continue;
+        {
+            // The connection broke, while sending or while reading replies.
+            uint64_t written = 0;
+            bool was = false;
             {
                 std::lock_guard<std::mutex> lock(m_lock);
+                was = m_stats.connected;
                 m_stats.connected = false;
                 written = m_stats.written;
             }
-            Log("redis: connection to " + m_options.address.Describe() + " lost (" + m_link.Error() + ") after " +
-                std::to_string(written) + " entries written; keeping up to " + std::to_string(m_options.buffer) +
-                " entries while reconnecting");
+            if (was)
+                Log("redis: connection to " + m_options.address.Describe() + " lost (" + m_link.Error() + ") after " +
+                    std::to_string(written) + " entries written; keeping up to " + std::to_string(m_options.buffer) +
+                    " entries while reconnecting");
         }
-        if (m_link.IsOpen()) continue;
         {
             // Everything unacknowledged goes back to the front of the queue,
             // in order, so that it is sent first and, past the bound, is

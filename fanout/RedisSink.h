@@ -22,6 +22,8 @@
 // with a growing back-off (0.1 s to 2 s) and sends what waited, in order.
 // An entry whose replies did not all come back is sent again with the same
 // ids: Redis refuses an id it already has, so nothing is stored twice.
+// The process should ignore SIGPIPE (md-record does): a write to a server
+// that went away otherwise ends it.
 #ifndef ORVEX_FANOUT_REDIS_SINK_H
 #define ORVEX_FANOUT_REDIS_SINK_H
 

@@ -314,6 +314,9 @@ int main(int argc, char** argv) {
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // A Redis that goes away mid-write must not kill the process: hiredis
+    // writes with plain write(), and the error is handled where it comes.
+    signal(SIGPIPE, SIG_IGN);
 
     COrvexWiraMdApi* api = CreateWiraMdApi(options.flow.c_str(), false, false, true);
     if (!api) {

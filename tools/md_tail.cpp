@@ -153,6 +153,9 @@ int main(int argc, char** argv) {
     action.sa_handler = OnSignal;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // A Redis that goes away mid-write must not kill the process: hiredis
+    // writes with plain write(), and the error is handled where it comes.
+    signal(SIGPIPE, SIG_IGN);
 
     // The streams, and where each starts.
     std::map<std::string, std::string> after;   // key -> last id read

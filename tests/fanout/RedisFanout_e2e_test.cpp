@@ -55,18 +55,26 @@ int FreePort() {
     return ntohs(a.sin_port);
 }
 
-// redis-server on a loopback port, no persistence.
+// redis-server on a loopback port (or, with `unix`, on a socket in the
+// current directory: a server started again gets the same address even
+// while other tests take ports), no persistence.
 class RedisServer {
 public:
-    explicit RedisServer(std::string password = "") : m_port(FreePort()), m_password(std::move(password)) { Start(); }
+    explicit RedisServer(std::string password = "", bool unix = false)
+        : m_port(unix ? 0 : FreePort()), m_password(std::move(password)) {
+        if (unix) {
+            char cwd[4096];
+            m_path = std::string(getcwd(cwd, sizeof(cwd)) ? cwd : ".") + "/redis.sock";
+        }
+        Start();
+    }
     void Start() {
         std::vector<std::string> args = {ORVEX_REDIS_SERVER, "--port", std::to_string(m_port), "--bind", "127.0.0.1",
                                          "--save", "", "--appendonly", "no", "--dir", "."};
+        if (!m_path.empty()) args.insert(args.end(), {"--unixsocket", m_path});
         if (!m_password.empty()) args.insert(args.end(), {"--requirepass", m_password});
         m_child.reset(new Child(args, "redis.out", "redis.log"));
-        RedisAddress address;
-        address.host = "127.0.0.1";
-        address.port = m_port;
+        const RedisAddress address = Address();
         WaitUntil(
             [&] {
                 RedisLink link;
@@ -76,9 +84,13 @@ public:
             5000);
     }
     void Kill() { m_child->Stop(SIGKILL); }
-    std::string Url() const { return "redis://127.0.0.1:" + std::to_string(m_port); }
+    std::string Url() const { return m_path.empty() ? "redis://127.0.0.1:" + std::to_string(m_port) : m_path; }
     RedisAddress Address() const {
         RedisAddress a;
+        if (!m_path.empty()) {
+            a.path = m_path;
+            return a;
+        }
         a.host = "127.0.0.1";
         a.port = m_port;
         return a;
@@ -86,6 +98,7 @@ public:
 
 private:
     int m_port;
+    std::string m_path;
     std::string m_password;
     std::unique_ptr<Child> m_child;
 };
@@ -235,7 +248,7 @@ TEST(RedisFanoutE2E, EveryRecordOnceInOrderThreeConsumersAndALateOne) {
 
 TEST(RedisFanoutE2E, RedisKilledAndRestartedEveryRecordIsAccountedFor) {
     ScopedTempDir tmp;
-    RedisServer redis;
+    RedisServer redis("", true);
     orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "40", "--rate", "3000"});
     Child recorder({ORVEX_MD_RECORD, "--front", sim.front, "--journal", "j", "--redis", redis.Url(), "--redis-buffer",
                     "500"},
@@ -244,7 +257,7 @@ TEST(RedisFanoutE2E, RedisKilledAndRestartedEveryRecordIsAccountedFor) {
     redis.Kill();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));   // about 4,500 records: far past the buffer
     redis.Start();
-    ASSERT_TRUE(WaitUntil([] { return Slurp("record.log").find("redis: reconnected") != std::string::npos; }, 8000))
+    ASSERT_TRUE(WaitUntil([] { return Slurp("record.log").find("redis: reconnected") != std::string::npos; }, 15000))
         << Slurp("record.log");
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     ASSERT_EQ(0, recorder.Stop(SIGTERM));
