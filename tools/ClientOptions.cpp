@@ -1,5 +1,8 @@
 #include "ClientOptions.h"
 
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -111,6 +114,25 @@ bool SubscribeModeConfigured() {
             return std::atoi(l.c_str() + l.find('=') + 1) != 0;
     }
     return false;
+}
+
+bool PrepareWorkingDirectory(const ClientOptions& o, const char* tool) {
+    if (o.writeConfig && !WriteConfig(o, tool)) {
+        std::fprintf(stderr, "%s: cannot write the configuration files here\n", tool);
+        return false;
+    }
+    // The library writes its daily log into the flow directory; it must exist.
+    if (!o.flow.empty()) mkdir(o.flow.c_str(), 0775);
+    return true;
+}
+
+void CatchStopSignals(void (*handler)(int)) {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof(action));
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
 }
 
 int SendLogin(COrvexWiraMdApi* api, const ClientOptions& o, int requestId) {

@@ -39,6 +39,14 @@ bool WriteConfig(const ClientOptions& o, const char* tool);
 // True when ./OrvexWiraMdApi.def turns subscription mode on.
 bool SubscribeModeConfigured();
 
+// Before the API object exists: writes the configuration files when asked
+// (the library reads them when the object is created) and makes the flow
+// directory. False after printing "<tool>: ..." when a file cannot be written.
+bool PrepareWorkingDirectory(const ClientOptions& o, const char* tool);
+
+// SIGINT and SIGTERM call `handler` (which should only set a flag).
+void CatchStopSignals(void (*handler)(int));
+
 // Sends the login of the options.
 int SendLogin(COrvexWiraMdApi* api, const ClientOptions& o, int requestId);
 // Subscribes what the options name (after every successful login).

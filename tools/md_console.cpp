@@ -741,10 +741,7 @@ int main(int argc, char** argv) {
 
     // Configuration files are read from the working directory, so they are
     // written before the API object exists.
-    if (options.writeConfig && !WriteConfig(options, "md-console")) {
-        std::fprintf(stderr, "md-console: cannot write the configuration files here\n");
-        return 1;
-    }
+    if (!PrepareWorkingDirectory(options, "md-console")) return 1;
     if (!options.subscriptions.empty() && !SubscribeModeConfigured())
         std::fprintf(stderr,
                      "md-console: note: without [CONFIG] Subscribe=1 in ./OrvexWiraMdApi.def every quote is "
@@ -761,15 +758,7 @@ int main(int argc, char** argv) {
         if (!out) out = stdout;
     }
 
-    // The library writes its daily log into the flow directory; it must exist.
-    if (!options.flow.empty()) mkdir(options.flow.c_str(), 0775);
-
-    struct sigaction action;
-    std::memset(&action, 0, sizeof(action));
-    action.sa_handler = OnSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    CatchStopSignals(OnSignal);
 
     // The layouts of template records, from the file the library reads too.
     TemplateFile templates;

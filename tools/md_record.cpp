@@ -260,11 +260,7 @@ int main(int argc, char** argv) {
     const int rc = ParseOptions(argc, argv, options);
     if (rc != 0) return rc < 0 ? 0 : rc;
 
-    if (options.writeConfig && !WriteConfig(options, "md-record")) {
-        std::fprintf(stderr, "md-record: cannot write the configuration files here\n");
-        return 1;
-    }
-    if (!options.flow.empty()) mkdir(options.flow.c_str(), 0775);
+    if (!PrepareWorkingDirectory(options, "md-record")) return 1;
 
     // Template records are journaled with the sizes the template file gives,
     // and the file itself goes into every journal file.
@@ -308,12 +304,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    struct sigaction action;
-    std::memset(&action, 0, sizeof(action));
-    action.sa_handler = OnSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    CatchStopSignals(OnSignal);
     // A Redis that goes away mid-write must not kill the process: hiredis
     // writes with plain write(), and the error is handled where it comes.
     signal(SIGPIPE, SIG_IGN);
