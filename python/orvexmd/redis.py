@@ -251,6 +251,13 @@ class _Follower:
         return None
 
     def run(self):
+        import redis
+
+        self.lost_errors = (redis.exceptions.ConnectionError, redis.exceptions.TimeoutError)
+        if self.group is not None:
+            self.lost_errors = self.lost_errors + (redis.exceptions.ResponseError,)
+        self.backoff = 0.1
+        self.reconnects = 0
         self.yielded = 0
         if self.count is not None and self.count <= 0:
             return
@@ -274,7 +281,29 @@ class _Follower:
             if block is not None and left is not None:
                 # BLOCK 0 would wait without end.
                 block = max(1, left if block == 0 else min(block, left))
-            reply = self._read(block)
+            try:
+                reply = self._read(block)
+            except self.lost_errors as e:
+                # Redis restarting or out of reach: try again with a
+                # growing pause, from where this follower was. A server
+                # that came back empty has lost the groups: they are made
+                # again, from its first entry.
+                lost_group = "NOGROUP" in str(e)
+                if not self.reconnect or (isinstance(e, redis.exceptions.ResponseError) and not lost_group):
+                    raise
+                self.reconnects += 1
+                _time.sleep(self.backoff)
+                self.backoff = min(self.backoff * 2, 2.0)
+                if lost_group:
+                    for key in list(self.ids):
+                        try:
+                            self.client.xgroup_create(key, self.group, id="0", mkstream=True)
+                        except redis.exceptions.ResponseError as busy:
+                            if not str(busy).startswith("BUSYGROUP"):
+                                raise
+                        self.ids[key] = ">"
+                continue
+            self.backoff = 0.1
             got = 0
             for key, entries in reply or []:
                 key = _text(key)
@@ -294,7 +323,14 @@ class _Follower:
                         yield Entry(when, entry_id, record, key)
                         self.yielded += 1
                     if self.group is not None:
-                        self.client.xack(key, self.group, entry_id)
+                        try:
+                            self.client.xack(key, self.group, entry_id)
+                        except self.lost_errors:
+                            # Redis went away meanwhile: the entry stays
+                            # pending there (and is handed again) or went
+                            # with a server that lost everything.
+                            if not self.reconnect:
+                                raise
                     if self.count is not None and self.yielded >= self.count:
                         return
             if replaying:
@@ -310,7 +346,7 @@ class _Follower:
 
 
 def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms=1000, group=None, consumer=None,
-           status=False, prefix="md", password=None, discover_every=5.0, batch=256, until=None):
+           status=False, prefix="md", password=None, discover_every=5.0, batch=256, until=None, reconnect=True):
     """Records from the streams, as they come: a generator of Entry
     ``(time, id, record, stream)``.
 
@@ -348,6 +384,11 @@ def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms
       consumer stopped or died) is handed again to a consumer of the same
       name when it starts, before new ones.
 
+    ``reconnect``: when Redis goes away (restarting, or out of reach), the
+    reads are tried again with a pause growing from 0.1 s to 2 s, from the
+    last entry taken; groups lost with a server that came back empty are
+    made again. False: the error ends the generator.
+
     ``password``: see connect. The connection is made, and a refused
     password raised as AuthenticationError, by this call, not by the first
     iteration.
@@ -380,6 +421,7 @@ def follow(url, instrument=None, exchange=None, since=None, count=None, block_ms
     try:
         follower = _Follower(client, keys, prefix, since, count, block_ms, group, consumer, status, discover_every,
                              batch, until_s)
+        follower.reconnect = reconnect
     except BaseException:
         client.close()
         raise

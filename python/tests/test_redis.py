@@ -2,6 +2,7 @@
 with the layout md-record writes."""
 
 import datetime
+import itertools
 import os
 import shutil
 import socket
@@ -481,3 +482,39 @@ def test_follow_what_md_record_published(server, tmp_path):
                                                           status=True)
                   if isinstance(e.record, orvexmd.MarketStatusField)]
     assert [s.raw for s in got_status] == [s.raw for s in statuses]
+
+
+@pytest.mark.parametrize("grouped", [False, True])
+def test_follow_goes_on_after_redis_restarts(tmp_path, grouped):
+    """Redis killed and started again (empty, on the same socket): the
+    follower waits, reconnects, makes its group again and yields what the
+    new server gets."""
+    first = Server(tmp_path, unix=True)
+    base = base_time()
+    base_ns = int(base.timestamp()) * 1000000000
+
+    def record(n):
+        return depth("cu2501", "SHFE", n, base + datetime.timedelta(seconds=n))
+
+    publish(first.client, record(1), base_ns + 1000000000)
+    kw = {"group": "g", "consumer": "c"} if grouped else {}
+    gen = orvexmd.redis.follow(first.url, instrument="cu2501.SHFE", since="start", block_ms=100, **kw)
+    got = [next(gen).record.Volume]
+    first.proc.kill()
+    first.proc.wait(10)
+    first.client.close()
+    first.log.close()
+    results = []
+    reader = threading.Thread(target=lambda: results.extend(e.record.Volume for e in itertools.islice(gen, 2)))
+    reader.start()
+    time.sleep(0.5)   # the follower is failing to read meanwhile
+    second = Server(tmp_path, unix=True)
+    try:
+        for n in (2, 3):
+            publish(second.client, record(n), base_ns + n * 1000000000)
+        reader.join(15)
+        assert not reader.is_alive()
+        assert got + results == [record(n).Volume for n in (1, 2, 3)]
+    finally:
+        gen.close()
+        second.stop()
