@@ -66,6 +66,10 @@ bool JournalWriter::Start(std::string* error) {
     }
     m_buf.reset(new unsigned char[m_half]);
     m_spare.reset(new unsigned char[m_half]);
+    // Every page of the queue is touched now, so that the library's thread
+    // never takes a page fault (a page cleared by the kernel) in a callback.
+    std::memset(m_buf.get(), 0, m_half);
+    std::memset(m_spare.get(), 0, m_half);
     m_started = true;
     m_thread = std::thread([this] { Run(); });
     return true;

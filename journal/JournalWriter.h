@@ -45,7 +45,7 @@ class JournalWriter {
 public:
     struct Options {
         std::string dir = ".";
-        size_t queueBytes = 64u << 20;   // bound of what waits for the writer thread
+        size_t queueBytes = 64u << 20;   // bound of what waits for the writer thread (touched at Start)
         int flushMs = 20;                // 0: every entry
         bool sync = false;               // fdatasync after every write
         std::string templatesText;       // written at the start of every new file
