@@ -4,7 +4,12 @@
 #define ORVEX_TOOLS_TEMPLATE_FILE_H
 
 #include <cctype>
+#include <cfloat>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -47,7 +52,11 @@ public:
     bool Load(const std::string& path) {
         std::ifstream in(path);
         if (!in) return false;
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        return LoadText(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()));
+    }
+
+    // The same from the file's text (a journal carries it).
+    bool LoadText(const std::string& text) {
         m_text = text;
         TemplateLayout* package = nullptr;
         TemplateItem* array = nullptr;
@@ -185,5 +194,77 @@ private:
     std::string m_text;
 };
 
+
+// How template values become JSON: `text` turns a GBK slot of `width` bytes
+// into a JSON string literal, `price` a double or price into a number. With
+// `nulls`, a missing value (DBL_MAX, int32 0x7FFFFFFF) is null; without, it
+// is printed as it is, so that nothing is lost.
+struct TemplateJson {
+    std::function<std::string(const char*, size_t)> text;
+    std::function<std::string(double)> price;
+    bool nulls = true;
+};
+
+// One value of a record.
+inline std::string TemplateValue(const TemplateField& f, const char* slot, const TemplateJson& style) {
+    auto number = [&](auto v) {
+        std::memcpy(&v, slot, sizeof v);
+        return v;
+    };
+    if (f.id == 11) return style.text(slot, 8);
+    char text[64];
+    if (f.price || f.type == TemplateField::Double) {
+        const double v = number(0.0);
+        if (style.nulls && v == DBL_MAX) return "null";
+        if (f.price) return style.price(v);
+        std::snprintf(text, sizeof(text), "%.17g", v);
+        return text;
+    }
+    switch (f.type) {
+        case TemplateField::Int8: return std::to_string(static_cast<int>(number(static_cast<signed char>(0))));
+        case TemplateField::Int16: return std::to_string(number(static_cast<int16_t>(0)));
+        case TemplateField::Int32: {
+            const int32_t v = number(static_cast<int32_t>(0));
+            return style.nulls && v == 0x7FFFFFFF ? "null" : std::to_string(v);
+        }
+        case TemplateField::Float:
+            std::snprintf(text, sizeof(text), "%.9g", static_cast<double>(number(0.0f)));
+            return text;
+        case TemplateField::Double: break;
+        case TemplateField::Text: return style.text(slot, static_cast<size_t>(f.size));
+    }
+    return "null";
+}
+
+// The record as the members of a JSON object: "Name":value, arrays as lists
+// of row objects.
+inline std::string TemplateJsonMembers(const TemplateLayout& t, const char* record, const TemplateJson& style) {
+    std::string out;
+    auto name = [](const std::string& n) {
+        std::string q = "\"";
+        for (char c : n) {
+            if (c == '"' || c == '\\') q += '\\';
+            if (static_cast<unsigned char>(c) >= 0x20) q += c;
+        }
+        return q + "\"";
+    };
+    auto add = [&](const std::string& s) { out += (out.empty() ? "" : ",") + s; };
+    for (const TemplateItem& item : t.items) {
+        if (!item.array) {
+            add(name(item.field.name) + ":" + TemplateValue(item.field, record + item.field.offset, style));
+            continue;
+        }
+        std::string rows;
+        for (int r = 0; r < item.rows; ++r) {
+            std::string row;
+            for (const TemplateField& f : item.row)
+                row += (row.empty() ? "" : ",") + name(f.name) + ":" +
+                       TemplateValue(f, record + item.offset + r * item.rowSize + f.offset, style);
+            rows += (rows.empty() ? "" : ",") + ("{" + row + "}");
+        }
+        add(name(item.name) + ":[" + rows + "]");
+    }
+    return out;
+}
 
 #endif

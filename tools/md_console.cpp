@@ -228,60 +228,21 @@ std::string Clock() {
 // Template packages
 // ---------------------------------------------------------------------------
 
-// One value of a record as JSON (null for a missing value).
-std::string TemplateValue(const TemplateField& f, const char* slot) {
-    auto number = [&](auto v) {
-        std::memcpy(&v, slot, sizeof v);
-        return v;
-    };
-    if (f.id == 11) return JsonString(FromGbk(slot, 8));
-    if (f.price) {
-        const double v = number(0.0);
-        return v == DBL_MAX ? "null" : Price(v);
-    }
-    char text[64];
-    switch (f.type) {
-        case TemplateField::Int8: return std::to_string(static_cast<int>(number(static_cast<signed char>(0))));
-        case TemplateField::Int16: return std::to_string(number(static_cast<int16_t>(0)));
-        case TemplateField::Int32: {
-            const int32_t v = number(static_cast<int32_t>(0));
-            return v == 0x7FFFFFFF ? "null" : std::to_string(v);
-        }
-        case TemplateField::Float:
-            std::snprintf(text, sizeof(text), "%.9g", static_cast<double>(number(0.0f)));
-            return text;
-        case TemplateField::Double: {
-            const double v = number(0.0);
-            if (v == DBL_MAX) return "null";
-            std::snprintf(text, sizeof(text), "%.17g", v);
-            return text;
-        }
-        case TemplateField::Text: return JsonString(FromGbk(slot, static_cast<size_t>(f.size)));
-    }
-    return "null";
+// Template values for the screen: prices with as few decimals as they need,
+// missing values as null.
+const TemplateJson& ScreenStyle() {
+    static const TemplateJson style = [] {
+        TemplateJson s;
+        s.text = [](const char* p, size_t width) { return JsonString(FromGbk(p, width)); };
+        s.price = [](double v) { return Price(v); };
+        s.nulls = true;
+        return s;
+    }();
+    return style;
 }
 
-// The record as the members of a JSON object: "Name":value, arrays as lists
-// of row objects.
 std::string TemplateFields(const TemplateLayout& t, const char* record) {
-    std::string out;
-    auto add = [&](const std::string& s) { out += (out.empty() ? "" : ",") + s; };
-    for (const TemplateItem& item : t.items) {
-        if (!item.array) {
-            add(JsonString(item.field.name) + ":" + TemplateValue(item.field, record + item.field.offset));
-            continue;
-        }
-        std::string rows;
-        for (int r = 0; r < item.rows; ++r) {
-            std::string row;
-            for (const TemplateField& f : item.row)
-                row += (row.empty() ? "" : ",") + JsonString(f.name) + ":" +
-                       TemplateValue(f, record + item.offset + r * item.rowSize + f.offset);
-            rows += (rows.empty() ? "" : ",") + ("{" + row + "}");
-        }
-        add(JsonString(item.name) + ":[" + rows + "]");
-    }
-    return out;
+    return TemplateJsonMembers(t, record, ScreenStyle());
 }
 
 // ---------------------------------------------------------------------------
@@ -642,7 +603,7 @@ private:
         }
         std::string key = std::to_string(e.code);
         if (!t->items.empty() && !t->items[0].array)
-            key += " " + TemplateValue(t->items[0].field, e.text.data() + t->items[0].field.offset);
+            key += " " + TemplateValue(t->items[0].field, e.text.data() + t->items[0].field.offset, ScreenStyle());
         m_templateLines[key] = std::to_string(e.code) + " " + t->name + " " + fields;
     }
 

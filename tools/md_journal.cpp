@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "TemplateFile.h"
 #include "journal/JournalReader.h"
 #include "journal/JournalText.h"
 #include "journal/RecordFields.h"
@@ -163,6 +164,22 @@ struct CatOptions {
     int64_t fromMs = -1, toMs = -1;
 };
 
+// Template records' fields, by the template file each journal file opens
+// with; lossless (every value as stored, doubles with 17 digits).
+std::string TemplateMembers(const TemplateFile& templates, const Entry& e) {
+    const TemplateLayout* t = templates.Find(e.aux);
+    if (!t || t->size <= 0 || static_cast<uint32_t>(t->size) != e.size) return "";
+    static const TemplateJson style = [] {
+        TemplateJson s;
+        s.text = [](const char* p, size_t width) { return JsonString(GbkToUtf8(p, width)); };
+        s.price = [](double v) { return FormatDouble(v); };
+        s.nulls = false;
+        return s;
+    }();
+    return ",\"Template\":" + JsonString(t->name) + ",\"Fields\":{" +
+           TemplateJsonMembers(*t, reinterpret_cast<const char*>(e.payload), style) + "}";
+}
+
 int Cat(const std::string& path, const CatOptions& o) {
     std::vector<std::string> files;
     if (!OpenAll(path, &files)) return 1;
@@ -179,7 +196,9 @@ int Cat(const std::string& path, const CatOptions& o) {
             continue;
         }
         Entry e;
+        TemplateFile templates;
         while (r.Next(&e)) {
+            if (e.kind == kTemplates) templates.LoadText(std::string(reinterpret_cast<const char*>(e.payload), e.size));
             if (o.csv ? e.kind != csvKind : (!o.kinds.empty() && !o.kinds.count(e.kind))) continue;
             if (!o.instrument.empty()) {
                 if (EntryInstrument(e) != o.instrument) continue;
@@ -191,8 +210,15 @@ int Cat(const std::string& path, const CatOptions& o) {
                 if (o.toMs >= 0 && ms >= o.toMs + 1000) continue;
             }
             line.clear();
-            if (o.csv) AppendCsv(e, &line);
-            else AppendJson(e, &line);
+            if (o.csv) {
+                AppendCsv(e, &line);
+            } else {
+                AppendJson(e, &line);
+                if (e.kind == kTemplate) {
+                    const std::string fields = TemplateMembers(templates, e);
+                    if (!fields.empty()) line.insert(line.size() - 1, fields);
+                }
+            }
             line += '\n';
             std::fwrite(line.data(), 1, line.size(), stdout);
         }

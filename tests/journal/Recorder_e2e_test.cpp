@@ -178,6 +178,14 @@ TEST(RecorderE2E, JournalHoldsWhatAClientSawAndExportsWithoutLoss) {
         EXPECT_EQ(e.time, doc["time"].GetInt64());
         EXPECT_STREQ(KindName(e.kind), doc["kind"].GetString());
         ++kinds[e.kind];
+        if (e.kind == kTemplate) {
+            // Decoded by the template file the journal carries.
+            ASSERT_TRUE(doc.HasMember("Fields")) << line.substr(0, 300);
+            EXPECT_STREQ("ExchangeIndex", doc["Template"].GetString());
+            const std::string market = doc["Fields"]["Market"].GetString();
+            EXPECT_TRUE(market == "SHFE" || market == "DCE" || market == "CZCE" || market == "CFFEX") << market;
+            EXPECT_TRUE(doc["Fields"]["Top"].IsArray());
+        }
         if (e.kind != kDepth) continue;
         COrvexWiraDepthMarketDataField d;
         ASSERT_TRUE(DepthFromJson(doc, &d)) << line.substr(0, 200);
