@@ -328,3 +328,81 @@ TEST(RecorderE2E, ANewTradingDayStartsANewFile) {
 }
 
 }  // namespace
+
+namespace {
+
+// A recorded session served again by qxdc-sim and recorded again: every
+// depth record of the second journal is a record of the first, in the
+// first's order for each instrument, and nearly all of them come back.
+TEST(RecorderE2E, ARecordedSessionServedBySimulatorComesBackTheSame) {
+    ScopedTempDir tmp;
+    {
+        orvex_test::Sim sim(ORVEX_SIM, {"--instruments", "20", "--rate", "600", "--seed", "3"});
+        Child recorder({ORVEX_MD_RECORD, "--front", sim.front, "--journal", "first", "--duration", "2"}, "first.out",
+                       "first.log");
+        ASSERT_EQ(0, recorder.Wait()) << Slurp("first.log");
+    }
+    std::string error;
+    const std::string firstFile = JournalFiles("first", &error).at(0);
+    {
+        std::vector<std::string> args = {ORVEX_SIM, "--port", "0", "--file-port", "0", "--ready-file", "replay.ready",
+                                         "--replay", firstFile};
+        Child sim(args, "replay.out", "replay.log");
+        ASSERT_TRUE(WaitUntil([] { return Slurp("replay.ready").find("quote_port=") != std::string::npos; }, 5000))
+            << Slurp("replay.log");
+        const std::string ready = Slurp("replay.ready");
+        const size_t at = ready.find("quote_port=") + 11;
+        const std::string front = "tcp://127.0.0.1:" + ready.substr(at, ready.find('\n', at) - at);
+        Child recorder({ORVEX_MD_RECORD, "--front", front, "--journal", "second", "--duration", "3"}, "second.out",
+                       "second.log");
+        ASSERT_EQ(0, recorder.Wait()) << Slurp("second.log");
+    }
+    std::map<std::string, std::vector<std::string>> first, second;
+    auto load = [](const std::string& dir, std::map<std::string, std::vector<std::string>>* out) {
+        std::string err;
+        size_t n = 0;
+        for (const std::string& f : JournalFiles(dir, &err))
+            for (const OwnedEntry& e : ReadJournal(f))
+                if (e.kind == kDepth) {
+                    COrvexWiraDepthMarketDataField d;
+                    std::memcpy(&d, e.payload.data(), sizeof(d));
+                    (*out)[std::string(d.InstrumentID) + "." + d.ExchangeID].push_back(e.payload);
+                    ++n;
+                }
+        return n;
+    };
+    const size_t firstCount = load("first", &first);
+    const size_t secondCount = load("second", &second);
+    ASSERT_GT(firstCount, 500u);
+    EXPECT_GE(secondCount * 10, firstCount * 9) << secondCount << " of " << firstCount;
+    for (const auto& kv : second) {
+        const std::vector<std::string>& mine = kv.second;
+        const std::vector<std::string>& theirs = first[kv.first];
+        size_t j = 0;
+        // The first record of each instrument is the snapshot at login: the
+        // replay started with the simulator, so it holds the state reached
+        // by then, with the time the simulator's clock gives it.
+        for (size_t m = 1; m < mine.size(); ++m) {
+            const std::string& rec = mine[m];
+            const size_t from = j;
+            while (j < theirs.size() && !SameFields(DepthFields(), theirs[j].data(), rec.data())) ++j;
+            if (j == theirs.size()) {
+                std::string which = "?";
+                for (size_t k = 0; k < theirs.size(); ++k) {
+                    COrvexWiraDepthMarketDataField a, b;
+                    std::memcpy(&a, theirs[k].data(), sizeof(a));
+                    std::memcpy(&b, rec.data(), sizeof(b));
+                    if (a.Volume == b.Volume && std::strcmp(a.UpdateTime, b.UpdateTime) == 0) {
+                        SameFields(DepthFields(), theirs[k].data(), rec.data(), &which);
+                        which += " (record " + std::to_string(k) + ", looked from " + std::to_string(from) + ")";
+                    }
+                }
+                FAIL() << kv.first << ": a record the first session did not have, or out of order; closest differs in "
+                       << which;
+            }
+            ++j;
+        }
+    }
+}
+
+}  // namespace
