@@ -252,7 +252,7 @@ int main(int argc, char** argv) {
     md << "## Redis fan-out\n\n";
     md << "md-record's Redis sink on the library's callbacks, the blaster's stream of 1,000 instruments over "
           "loopback, a local redis-server (7.0, unix socket, no persistence). Every row goes to its exchange's "
-          "stream and its instrument's stream (two XADD, MAXLEN ~ 1,000,000, pipelined 512 rows a round trip).\n\n";
+          "stream and its instrument's stream (two XADD, MAXLEN ~ 1,000,000, pipelined: two batches of up to 2,048 rows in flight).\n\n";
     md << "| round | streams | rows | library rows/s | into Redis rows/s (first send to last acknowledgement) | "
           "Redis memory MB per million rows |\n|---:|---|---:|---:|---:|---:|\n";
     for (size_t i = 0; i < results.size(); ++i)
