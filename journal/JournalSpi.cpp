@@ -13,7 +13,7 @@ void JournalSpi::Add(uint16_t kind, uint16_t aux, const void* payload, uint32_t 
     } else {
         m_counts[kind].fetch_add(1, std::memory_order_relaxed);
     }
-    const int64_t now = WallNanos();
+    const int64_t now = FastWallNanos();
     if (m_writer) m_writer->Add(kind, aux, now, payload, size);
     Tap(kind, now, payload, size);
 }

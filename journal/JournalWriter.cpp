@@ -39,6 +39,39 @@ int64_t WallNanos() {
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+int64_t FastWallNanos() {
+    struct Clock {
+        uint64_t tsc = 0;          // at `wall`
+        int64_t wall = 0;
+        uint64_t calTsc = 0;       // the first reading, for the scale
+        int64_t calWall = 0;
+        double nsPerTick = 0;      // 0 until known
+        uint64_t resyncTicks = 0;  // about a millisecond
+        int64_t last = 0;
+    };
+    thread_local Clock c;
+    const uint64_t now = __builtin_ia32_rdtsc();
+    int64_t t;
+    if (c.nsPerTick > 0 && now - c.tsc < c.resyncTicks) {
+        t = c.wall + static_cast<int64_t>(static_cast<double>(now - c.tsc) * c.nsPerTick);
+    } else {
+        t = WallNanos();
+        if (!c.calWall) {
+            c.calWall = t;
+            c.calTsc = now;
+        } else if (t - c.calWall >= 10000000 && now > c.calTsc) {
+            // Ten milliseconds or more since the first reading: the scale.
+            c.nsPerTick = static_cast<double>(t - c.calWall) / static_cast<double>(now - c.calTsc);
+            c.resyncTicks = static_cast<uint64_t>(1e6 / c.nsPerTick);
+        }
+        c.tsc = now;
+        c.wall = t;
+    }
+    if (t < c.last) t = c.last;
+    c.last = t;
+    return t;
+}
+
 JournalWriter::JournalWriter(Options options) : m_options(std::move(options)) {
     if (m_options.queueBytes < 2 * kMarkRoom + 64 * 1024) m_options.queueBytes = 2 * kMarkRoom + 64 * 1024;
     // Two buffers of half the bound: one fills while the other is written.

@@ -4,6 +4,7 @@
 // journal of another format version is refused with a clear message.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -395,6 +396,23 @@ TEST(JournalFormat, MalformedDepthDeltasAreRefused) {
     EXPECT_FALSE(ApplyDepthDelta(wide, 16, reinterpret_cast<unsigned char*>(&r)));
     // Equal records: the mask alone.
     EXPECT_EQ(8u, EncodeDepthDelta(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&a), delta));
+}
+
+// The callback path's clock: never backwards on a thread, and within a
+// fraction of a millisecond of the wall clock once its scale is known.
+TEST(JournalClock, FastWallClockFollowsTheWallClock) {
+    int64_t last = 0, worst = 0;
+    const int64_t end = WallNanos() + 60000000;
+    while (WallNanos() < end) {
+        const int64_t before = WallNanos();
+        const int64_t fast = FastWallNanos();
+        const int64_t after = WallNanos();
+        ASSERT_GE(fast, last);
+        last = fast;
+        const int64_t off = fast < before ? before - fast : fast > after ? fast - after : 0;
+        worst = std::max(worst, off);
+    }
+    EXPECT_LT(worst, 200000) << "ns off the wall clock";
 }
 
 TEST(JournalWriter, StartFailsOnAPathThatIsNotADirectory) {
