@@ -216,10 +216,10 @@ void JournalWriter::Run() {
 // Seals the entries of one batch and writes them, switching files at day
 // marks.
 void JournalWriter::Process(unsigned char* data, size_t size) {
-    // Room for the batch if every depth record grew by a delta's mask; the
-    // buffer only grows, so its bytes are not cleared again and again.
-    const size_t room = size + size / kEntryHeadSize * 8 + 64;
-    if (m_out.size() < room) m_out.resize(room);
+    // The batch is transcoded into a small output buffer that is written
+    // whenever it fills: it stays in the cache, however large the batch.
+    constexpr size_t kOutBytes = 1u << 20;
+    if (m_out.size() < kOutBytes) m_out.resize(kOutBytes);
     m_outUsed = 0;
     size_t pos = 0;
     uint64_t entries = 0;
@@ -234,6 +234,14 @@ void JournalWriter::Process(unsigned char* data, size_t size) {
                                   strnlen(reinterpret_cast<const char*>(data + pos + kEntryHeadSize), 8));
             if (day != m_day) OpenDay(day);
         } else {
+            // Room for the entry as it may come out (a depth delta adds a mask).
+            const size_t need = length + 8;
+            if (m_outUsed + need > m_out.size()) {
+                WriteRun(m_out.data(), m_outUsed, entries);
+                m_outUsed = 0;
+                entries = 0;
+                if (need > m_out.size()) m_out.resize(need);
+            }
             Transcode(data + pos);
             ++entries;
         }
