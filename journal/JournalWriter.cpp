@@ -39,6 +39,26 @@ int64_t WallNanos() {
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+namespace {
+
+// The wall clock and the time-stamp counter read together: the counter
+// before and after the clock, again when the two are far apart (the thread
+// was interrupted), the middle taken.
+void ReadPair(uint64_t* tsc, int64_t* wall) {
+    for (int attempt = 0;; ++attempt) {
+        const uint64_t a = __builtin_ia32_rdtsc();
+        const int64_t w = WallNanos();
+        const uint64_t b = __builtin_ia32_rdtsc();
+        if (b - a < 20000 || attempt == 4) {
+            *tsc = a + (b - a) / 2;
+            *wall = w;
+            return;
+        }
+    }
+}
+
+}  // namespace
+
 int64_t FastWallNanos() {
     struct Clock {
         uint64_t tsc = 0;          // at `wall`
@@ -55,16 +75,17 @@ int64_t FastWallNanos() {
     if (c.nsPerTick > 0 && now - c.tsc < c.resyncTicks) {
         t = c.wall + static_cast<int64_t>(static_cast<double>(now - c.tsc) * c.nsPerTick);
     } else {
-        t = WallNanos();
+        uint64_t tsc;
+        ReadPair(&tsc, &t);
         if (!c.calWall) {
             c.calWall = t;
-            c.calTsc = now;
-        } else if (t - c.calWall >= 10000000 && now > c.calTsc) {
+            c.calTsc = tsc;
+        } else if (t - c.calWall >= 10000000 && tsc > c.calTsc) {
             // Ten milliseconds or more since the first reading: the scale.
-            c.nsPerTick = static_cast<double>(t - c.calWall) / static_cast<double>(now - c.calTsc);
+            c.nsPerTick = static_cast<double>(t - c.calWall) / static_cast<double>(tsc - c.calTsc);
             c.resyncTicks = static_cast<uint64_t>(1e6 / c.nsPerTick);
         }
-        c.tsc = now;
+        c.tsc = tsc;
         c.wall = t;
     }
     if (t < c.last) t = c.last;
