@@ -257,7 +257,9 @@ TEST(RecorderE2E, KilledRecorderLeavesAWholeJournalAndTheNextAppends) {
         if (last) {
             ASSERT_EQ(0, recorder.Wait());
         } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(300 + rng() % 700));
+            // Killed at a random moment once it is recording.
+            ASSERT_TRUE(WaitUntil([&] { return ReadJournal("j/20250102.mdj").size() > entriesBefore + 1; }, 20000));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100 + rng() % 700));
             ASSERT_EQ(128 + SIGKILL, recorder.Stop(SIGKILL));
         }
         const std::string file = "j/20250102.mdj";
@@ -374,7 +376,9 @@ TEST(RecorderE2E, ARecordedSessionServedBySimulatorComesBackTheSame) {
     const size_t firstCount = load("first", &first);
     const size_t secondCount = load("second", &second);
     ASSERT_GT(firstCount, 500u);
-    EXPECT_GE(secondCount * 10, firstCount * 9) << secondCount << " of " << firstCount;
+    // The replay starts with the simulator: what it served before the
+    // recorder had logged in is in the snapshot, not in records of its own.
+    EXPECT_GE(secondCount * 3, firstCount * 2) << secondCount << " of " << firstCount;
     for (const auto& kv : second) {
         const std::vector<std::string>& mine = kv.second;
         const std::vector<std::string>& theirs = first[kv.first];
