@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -80,15 +81,27 @@ int64_t ParseClock(const char* text) {
     return (h * 3600 + m * 60 + s) * 1000LL;
 }
 
-// Opens every file of a path; reports a refused file and returns false.
-bool OpenAll(const std::string& path, std::vector<std::string>* files) {
+// Opens the files of a path in order and hands each to `each`; a file that
+// cannot be read is reported and skipped (status 1), and `each` returning
+// false stops with status 1.
+int ForEachFile(const std::string& path, const std::function<bool(JournalReader&)>& each) {
     std::string error;
-    *files = JournalFiles(path, &error);
-    if (files->empty()) {
+    const std::vector<std::string> files = JournalFiles(path, &error);
+    if (files.empty()) {
         std::fprintf(stderr, "md-journal: %s\n", error.c_str());
-        return false;
+        return 1;
     }
-    return true;
+    int status = 0;
+    for (const std::string& file : files) {
+        JournalReader r;
+        if (!r.Open(file, &error)) {
+            std::fprintf(stderr, "md-journal: %s\n", error.c_str());
+            status = 1;
+            continue;
+        }
+        if (!each(r)) return 1;
+    }
+    return status;
 }
 
 void ReportTear(const JournalReader& r) {
@@ -98,17 +111,11 @@ void ReportTear(const JournalReader& r) {
 }
 
 int Info(const std::string& path) {
-    std::vector<std::string> files;
-    if (!OpenAll(path, &files)) return 1;
-    int status = 0;
-    for (const std::string& file : files) {
-        JournalReader r;
-        std::string error;
-        if (!r.Open(file, &error)) {
-            std::fprintf(stderr, "md-journal: %s\n", error.c_str());
-            status = 1;
-            continue;
-        }
+    bool first = true;
+    return ForEachFile(path, [&](JournalReader& r) {
+        const std::string& file = r.Path();
+        if (!first) std::printf("\n");
+        first = false;
         std::map<std::string, uint64_t> kinds;
         std::set<std::string> instruments;
         uint64_t total = 0;
@@ -152,9 +159,8 @@ int Info(const std::string& path) {
             list += " " + id;
         }
         std::printf("instruments  %zu%s%s\n", instruments.size(), list.empty() ? "" : ":", list.c_str());
-        if (files.size() > 1) std::printf("\n");
-    }
-    return status;
+        return true;
+    });
 }
 
 struct CatOptions {
@@ -181,20 +187,12 @@ std::string TemplateMembers(const TemplateFile& templates, const Entry& e) {
 }
 
 int Cat(const std::string& path, const CatOptions& o) {
-    std::vector<std::string> files;
-    if (!OpenAll(path, &files)) return 1;
     const uint16_t csvKind = o.kinds.empty() ? static_cast<uint16_t>(kDepth) : *o.kinds.begin();
-    if (o.csv) std::printf("%s\n", CsvHeader(csvKind).c_str());
+    bool header = o.csv;
     std::string line;
-    int status = 0;
-    for (const std::string& file : files) {
-        JournalReader r;
-        std::string error;
-        if (!r.Open(file, &error)) {
-            std::fprintf(stderr, "md-journal: %s\n", error.c_str());
-            status = 1;
-            continue;
-        }
+    return ForEachFile(path, [&](JournalReader& r) {
+        if (header) std::printf("%s\n", CsvHeader(csvKind).c_str());
+        header = false;
         Entry e;
         TemplateFile templates;
         while (r.Next(&e)) {
@@ -223,8 +221,8 @@ int Cat(const std::string& path, const CatOptions& o) {
             std::fwrite(line.data(), 1, line.size(), stdout);
         }
         ReportTear(r);
-    }
-    return status;
+        return true;
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -411,39 +409,30 @@ private:
 };
 
 int Sqlite(const std::string& path, const std::string& db) {
-    std::vector<std::string> files;
-    if (!OpenAll(path, &files)) return 1;
     Exporter out;
     if (!out.Open(db)) {
         std::fprintf(stderr, "md-journal: %s: %s\n", db.c_str(), out.Error().c_str());
         return 1;
     }
     std::map<std::string, uint64_t> counts;
-    int status = 0;
-    for (const std::string& file : files) {
-        JournalReader r;
-        std::string error;
-        if (!r.Open(file, &error)) {
-            std::fprintf(stderr, "md-journal: %s\n", error.c_str());
-            status = 1;
-            continue;
-        }
-        if (!out.Begin()) break;
+    const int status = ForEachFile(path, [&](JournalReader& r) {
+        if (!out.Begin()) return false;
         Entry e;
         while (r.Next(&e)) {
-            if (!out.Add(e, file)) {
+            if (!out.Add(e, r.Path())) {
                 std::fprintf(stderr, "md-journal: %s: %s\n", db.c_str(), out.Error().c_str());
-                return 1;
+                return false;
             }
             const char* name = KindName(e.kind);
             if (name && e.kind != kTemplates) ++counts[name];
         }
         if (!out.Commit()) {
             std::fprintf(stderr, "md-journal: %s: %s\n", db.c_str(), out.Error().c_str());
-            return 1;
+            return false;
         }
         ReportTear(r);
-    }
+        return true;
+    });
     std::string summary;
     for (const auto& kv : counts) summary += (summary.empty() ? "" : ", ") + kv.first + " " + std::to_string(kv.second);
     std::fprintf(stderr, "md-journal: exported %s into %s\n", summary.empty() ? "nothing" : summary.c_str(), db.c_str());
