@@ -306,8 +306,7 @@ void RedisSink::Run() {
             // the first dropped: it is the oldest.
             std::lock_guard<std::mutex> lock(m_lock);
             for (auto b = inflight.rbegin(); b != inflight.rend(); ++b)
-                m_queue.insert(m_queue.begin(), std::make_move_iterator(b->items.begin()),
-                               std::make_move_iterator(b->items.end()));
+                for (auto item = b->items.rbegin(); item != b->items.rend(); ++item) m_queue.push_front(std::move(*item));
             inflight.clear();
             while (m_queue.size() > m_options.buffer) {
                 m_queue.pop_front();

@@ -40,6 +40,7 @@
 
 #include "OrvexWiraMdStruct.h"
 #include "fanout/RedisLink.h"
+#include "fanout/Ring.h"
 
 namespace orvex {
 namespace fanout {
@@ -125,7 +126,9 @@ private:
     Options m_options;
     mutable std::mutex m_lock;
     std::condition_variable m_wake;
-    std::deque<Item> m_queue;
+    // A ring, not a deque: a deque of entries this size allocates a node
+    // per entry, on the library's thread.
+    Ring<Item> m_queue;
     bool m_stop = false;
     int64_t m_drainUntil = 0;   // steady ms; 0: no deadline
     Stats m_stats;
