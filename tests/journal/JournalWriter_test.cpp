@@ -415,6 +415,28 @@ TEST(JournalClock, FastWallClockFollowsTheWallClock) {
     EXPECT_LT(worst, 200000) << "ns off the wall clock";
 }
 
+// A disk that is full: every entry that cannot be written is counted as
+// dropped, and said once, never lost in silence.
+TEST(JournalWriter, WriteErrorsAreCountedAsDrops) {
+    ScopedTempDir tmp;
+    ASSERT_EQ(0, system("mkdir -p j && ln -s /dev/full j/20250102.mdj"));
+    std::vector<std::string> log;
+    JournalWriter w(Quiet("j", &log));
+    ASSERT_TRUE(w.Start(nullptr));
+    w.SetTradingDay("20250102");
+    const std::string d = DepthBytes(1);
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(w.Add(kDepth, 0, i, d.data(), 408));
+    w.Close();
+    const JournalWriter::Stats s = w.GetStats();
+    EXPECT_EQ(0u, s.entries);
+    EXPECT_EQ(100u, s.dropped);
+    EXPECT_GE(s.writeErrors, 1u);
+    size_t said = 0;
+    for (const std::string& line : log) said += line.find("cannot write") != std::string::npos;
+    EXPECT_GE(said, 1u);
+    EXPECT_LE(said, 2u);   // the header, then the first lost batch: not a line per batch
+}
+
 TEST(JournalWriter, StartFailsOnAPathThatIsNotADirectory) {
     ScopedTempDir tmp;
     WriteBytes("plain", "x");
