@@ -21,8 +21,6 @@ bool PowerOfTen(uint64_t n) {
     return n == 1;
 }
 
-std::string Text(const char* p, size_t width) { return std::string(p, strnlen(p, width)); }
-
 }  // namespace
 
 std::string RedisSink::ExchangeKey(const std::string& prefix, const std::string& exchange) {
@@ -113,26 +111,26 @@ RedisSink::Stats RedisSink::GetStats() const {
     return s;
 }
 
-void RedisSink::GiveIds(Item& item) {
+void RedisSink::GiveIds(Item& item, std::string_view exchangeKey, std::string_view instrumentKey) {
     if (item.hasIds) return;
     const uint64_t ms = static_cast<uint64_t>(item.receiveNs / 1000000);
-    auto next = [ms](Clock& c) {
+    auto next = [this, ms](std::string_view key) -> const Clock& {
+        auto it = m_clocks.find(key);
+        if (it == m_clocks.end()) it = m_clocks.emplace(std::string(key), Clock()).first;
+        Clock& c = it->second;
         if (ms > c.ms) {
             c.ms = ms;
             c.seq = 0;
         } else {
             ++c.seq;   // the same millisecond (or a clock that went back)
         }
+        return c;
     };
-    const std::string exchange = item.depth ? Text(item.d.ExchangeID, sizeof(item.d.ExchangeID))
-                                            : Text(item.s.ExchangeID, sizeof(item.s.ExchangeID));
-    Clock& ex = m_clocks[ExchangeKey(m_options.prefix, exchange)];
-    next(ex);
+    const Clock& ex = next(exchangeKey);
     item.exchangeMs = ex.ms;
     item.exchangeSeq = ex.seq;
     if (item.depth && m_options.instrumentStreams) {
-        Clock& in = m_clocks[InstrumentKey(m_options.prefix, exchange, Text(item.d.InstrumentID, sizeof(item.d.InstrumentID)))];
-        next(in);
+        const Clock& in = next(instrumentKey);
         item.instrumentMs = in.ms;
         item.instrumentSeq = in.seq;
     }
@@ -151,7 +149,6 @@ void RedisSink::Append(Batch& b) {
     char maxLen[24];
     std::snprintf(maxLen, sizeof(maxLen), "%llu", static_cast<unsigned long long>(m_options.maxLen));
     for (Item& item : batch) {
-        GiveIds(item);
         const bool depth = item.depth;
         const char* exchange = depth ? item.d.ExchangeID : item.s.ExchangeID;
         const size_t exchangeLen = strnlen(exchange, sizeof(item.d.ExchangeID));
@@ -175,6 +172,8 @@ void RedisSink::Append(Batch& b) {
         const int instrumentKeyLen = std::snprintf(instrumentKey, sizeof(instrumentKey), "%s:{%.*s}:%.*s",
                                                    m_options.prefix.c_str(), static_cast<int>(exchangeLen), exchange,
                                                    static_cast<int>(idLen), id);
+        GiveIds(item, std::string_view(exchangeKey, static_cast<size_t>(exchangeKeyLen)),
+                std::string_view(instrumentKey, static_cast<size_t>(instrumentKeyLen)));
         int n = 0;
         auto xadd = [&](const char* key, int keyLen, uint64_t ms, uint64_t seq) {
             char streamId[48];
@@ -188,9 +187,10 @@ void RedisSink::Append(Batch& b) {
             m_link.Append(20, argv, len);
             ++n;
         };
-        const std::string exchangeText(exchange, exchangeLen);
-        if (m_exchangesKnown.insert(exchangeText).second) {
-            m_link.Append({"SADD", m_options.prefix + ":exchanges", exchangeText});
+        const std::string_view exchangeText(exchange, exchangeLen);
+        if (m_exchangesKnown.find(exchangeText) == m_exchangesKnown.end()) {
+            m_exchangesKnown.emplace(exchangeText);
+            m_link.Append({"SADD", m_options.prefix + ":exchanges", std::string(exchangeText)});
             ++n;
         }
         xadd(exchangeKey, exchangeKeyLen, item.exchangeMs, item.exchangeSeq);

@@ -35,6 +35,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -120,7 +121,8 @@ private:
     // Reads a sent batch's replies; returns how many of its first entries
     // are done (all their replies read). Fewer: the connection failed.
     size_t ReadReplies(Batch& batch);
-    void GiveIds(Item& item);
+    // Ids of an entry sent for the first time, from its streams' clocks.
+    void GiveIds(Item& item, std::string_view exchangeKey, std::string_view instrumentKey);
     void Log(const std::string& line);
 
     Options m_options;
@@ -135,8 +137,8 @@ private:
 
     // Writer thread only.
     RedisLink m_link;
-    std::map<std::string, Clock> m_clocks;      // last id per stream
-    std::set<std::string> m_exchangesKnown;     // added to md:exchanges on this connection
+    std::map<std::string, Clock, std::less<>> m_clocks;   // last id per stream
+    std::set<std::string, std::less<>> m_exchangesKnown;     // added to md:exchanges on this connection
     std::thread m_thread;
     bool m_started = false;
 };
