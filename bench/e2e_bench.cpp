@@ -656,6 +656,8 @@ int main(int argc, char** argv) {
                << Fmt("%.0f", journalLibRuns[i].cpuPerRow) << " | " << Fmt("%.0f", journalRuns[i].rowsPerSecond) << " | "
                << Fmt("%.0f", journalRuns[i].cpuPerRow) << " | " << Fmt("%.2f", ratios[i]) << " |\n";
         md << "\n" << Fmt("recording ratio: %.2f (median)\n", recordingRatio);
+        md << Fmt("writer thread CPU: %.0f ns per depth record (all rounds; it shares the two CPUs with the others)\n\n",
+                  depthEntries ? static_cast<double>(js.writerCpuNs) / static_cast<double>(depthEntries) : 0.0);
         md << "journal: " << js.entries << " entries, " << js.bytes << " bytes in " << js.files << " file(s), queue high-water "
            << js.highWater << " of " << js.queueBytes << " bytes, dropped " << js.dropped << "; rows lost " << journalLost
            << "\n\n";

@@ -270,8 +270,11 @@ void JournalWriter::Process(unsigned char* data, size_t size) {
     }
     WriteRun(m_out.data(), m_outUsed, entries);
     if (m_options.sync && m_fd >= 0) fdatasync(m_fd);
+    timespec cpu{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
     std::lock_guard<std::mutex> lock(m_lock);
     m_stats.instruments = m_bases.size();
+    m_stats.writerCpuNs = static_cast<uint64_t>(cpu.tv_sec) * 1000000000u + static_cast<uint64_t>(cpu.tv_nsec);
 }
 
 void JournalWriter::Transcode(const unsigned char* entry) {

@@ -63,6 +63,7 @@ public:
         uint64_t instruments = 0;    // distinct instruments of depth records in the current file
         uint64_t tornBytes = 0;      // cut from torn tails before appending
         uint64_t writeErrors = 0;
+        uint64_t writerCpuNs = 0;    // CPU time of the writer thread so far
         std::string file;            // the current file
     };
 
