@@ -34,17 +34,21 @@ uint16_t Get16(const unsigned char* p) {
 
 }  // namespace
 
-size_t EncodeDepthDelta(const unsigned char* base, const unsigned char* now, unsigned char* out) {
+size_t EncodeDepthDelta(unsigned char* base, const unsigned char* now, unsigned char* out) {
+    // First which words changed, without branches (that differs from one
+    // record to the next), then only those are visited.
     uint64_t mask = 0;
+    for (size_t i = 0; i < kDepthWords; ++i)
+        mask |= static_cast<uint64_t>(Load64(base + 8 * i) != Load64(now + 8 * i)) << i;
+    std::memcpy(out, &mask, 8);
     size_t n = 8;
-    for (size_t i = 0; i < kDepthWords; ++i) {
+    for (uint64_t m = mask; m; m &= m - 1) {
+        const size_t i = static_cast<size_t>(__builtin_ctzll(m));
         const uint64_t x = Load64(base + 8 * i) ^ Load64(now + 8 * i);
-        if (!x) continue;
-        mask |= uint64_t{1} << i;
         std::memcpy(out + n, &x, 8);
         n += 8;
     }
-    std::memcpy(out, &mask, 8);
+    std::memcpy(base, now, 8 * kDepthWords);
     return n;
 }
 
@@ -97,13 +101,30 @@ uint32_t EntryCheck(const unsigned char* head16, const unsigned char* payload, s
         c = Mix(c, Load64(payload + i + 16));
         d = Mix(d, Load64(payload + i + 24));
     }
-    uint64_t* lanes[4] = {&a, &b, &c, &d};
-    int lane = 0;
-    for (; i + 8 <= size; i += 8, lane = (lane + 1) & 3) *lanes[lane] = Mix(*lanes[lane], Load64(payload + i));
-    if (i < size) {
-        unsigned char tail[8] = {0};
-        std::memcpy(tail, payload + i, size - i);
-        *lanes[lane] = Mix(*lanes[lane], Load64(tail));
+    // Up to three whole words and a partial one are left; they go to the
+    // lanes in turn.
+    uint64_t tail = 0;
+    const size_t rest = size - i;
+    if (rest & 7) std::memcpy(&tail, payload + i + (rest & ~size_t{7}), rest & 7);
+    switch (rest >> 3) {
+        case 0:
+            if (rest) a = Mix(a, tail);
+            break;
+        case 1:
+            a = Mix(a, Load64(payload + i));
+            if (rest & 7) b = Mix(b, tail);
+            break;
+        case 2:
+            a = Mix(a, Load64(payload + i));
+            b = Mix(b, Load64(payload + i + 8));
+            if (rest & 7) c = Mix(c, tail);
+            break;
+        default:
+            a = Mix(a, Load64(payload + i));
+            b = Mix(b, Load64(payload + i + 8));
+            c = Mix(c, Load64(payload + i + 16));
+            if (rest & 7) d = Mix(d, tail);
+            break;
     }
     return Finish(a, b, c, d, size);
 }

@@ -128,9 +128,9 @@ inline EntryHead DecodeEntryHead(const unsigned char* p) {
 // Depth deltas (see above).
 constexpr size_t kDepthWords = sizeof(COrvexWiraDepthMarketDataField) / 8;
 static_assert(sizeof(COrvexWiraDepthMarketDataField) % 8 == 0, "depth record of whole words");
-// Encodes `now` against `base` into out (at most 8 + 408 bytes); returns
-// the size.
-size_t EncodeDepthDelta(const unsigned char* base, const unsigned char* now, unsigned char* out);
+// Encodes `now` against `base` into out (room for 8 + 408 bytes needed)
+// and copies `now` into `base`; returns the delta's size.
+size_t EncodeDepthDelta(unsigned char* base, const unsigned char* now, unsigned char* out);
 // Applies a delta to `record` (the slot's previous record) in place; false
 // when the delta is malformed.
 bool ApplyDepthDelta(const unsigned char* delta, size_t size, unsigned char* record);

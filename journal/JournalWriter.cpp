@@ -288,34 +288,12 @@ void JournalWriter::Transcode(const unsigned char* entry) {
         return;
     }
     const unsigned char* record = entry + kEntryHeadSize;
-    // The record sits at any alignment in the queue: its texts are read as
-    // bytes.
-    const char* id = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, InstrumentID);
-    const char* exchange = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, ExchangeID);
-    // The slot of the instrument: FNV-1a of its id and exchange. A collision
-    // costs only size: the delta is taken against whatever the slot holds.
-    uint64_t key = 1469598103934665603ull;
-    for (size_t i = 0; i < sizeof(COrvexWiraDepthMarketDataField::InstrumentID) && id[i]; ++i)
-        key = (key ^ static_cast<unsigned char>(id[i])) * 1099511628211ull;
-    key = (key ^ '.') * 1099511628211ull;
-    for (size_t i = 0; i < sizeof(COrvexWiraDepthMarketDataField::ExchangeID) && exchange[i]; ++i)
-        key = (key ^ static_cast<unsigned char>(exchange[i])) * 1099511628211ull;
-    uint16_t slot = 0;
     bool first = false;
-    auto it = m_slotOf.find(key);
-    if (it != m_slotOf.end()) {
-        slot = it->second;
-    } else if (m_bases.size() < 0xFFFF) {
-        m_bases.emplace_back();
-        slot = static_cast<uint16_t>(m_bases.size());
-        m_slotOf.emplace(key, slot);
-        first = true;   // the slot's first record: whole
-    }
+    const uint16_t slot = SlotOf(InstrumentKey(record), &first);
     unsigned char* base = slot ? reinterpret_cast<unsigned char*>(&m_bases[slot - 1]) : nullptr;
     if (base && !first && m_options.depthDeltas) {
         const size_t n = EncodeDepthDelta(base, record, out + kEntryHeadSize);
         if (n < kSize) {
-            std::memcpy(base, record, kSize);
             h.kind = kDepthDelta;
             h.aux = slot;
             h.size = static_cast<uint32_t>(n);
@@ -324,13 +302,70 @@ void JournalWriter::Transcode(const unsigned char* entry) {
             m_outUsed += kEntryHeadSize + n;
             return;
         }
+    } else if (base) {
+        std::memcpy(base, record, kSize);
     }
-    if (base) std::memcpy(base, record, kSize);
     h.aux = slot;
     EncodeEntryHead(h, out);
     std::memcpy(out + kEntryHeadSize, record, kSize);
     SealEntry(out);
     m_outUsed += kEntryHeadSize + kSize;
+}
+
+uint64_t JournalWriter::InstrumentKey(const unsigned char* record) {
+    // The instrument and exchange ids up to their ends, zero-padded into
+    // five words and mixed. The record sits at any alignment in the queue:
+    // its texts are read as bytes.
+    const char* id = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, InstrumentID);
+    const char* exchange = reinterpret_cast<const char*>(record) + offsetof(COrvexWiraDepthMarketDataField, ExchangeID);
+    unsigned char k[40] = {0};
+    std::memcpy(k, id, strnlen(id, sizeof(COrvexWiraDepthMarketDataField::InstrumentID)));
+    std::memcpy(k + 32, exchange, strnlen(exchange, 8));
+    uint64_t h = 0x9E3779B97F4A7C15ull;
+    for (int i = 0; i < 5; ++i) {
+        uint64_t w;
+        std::memcpy(&w, k + 8 * i, 8);
+        h = (h ^ w) * 0xBF58476D1CE4E5B9ull;
+        h ^= h >> 31;
+    }
+    return h;
+}
+
+uint16_t JournalWriter::SlotOf(uint64_t key, bool* first) {
+    // Open addressing over a power-of-two table at most half full; a key of
+    // 0 marks a free place. Two instruments with the same key share a slot,
+    // which costs only size: a delta is taken against whatever it holds.
+    if (!key) key = 1;
+    if (m_slotKeys.empty()) {
+        m_slotKeys.assign(4096, 0);
+        m_slotIds.assign(4096, 0);
+    }
+    size_t mask = m_slotKeys.size() - 1;
+    for (size_t i = key & mask;; i = (i + 1) & mask) {
+        if (m_slotKeys[i] == key) return m_slotIds[i];
+        if (m_slotKeys[i]) continue;
+        if (m_bases.size() >= 0xFFFF) return 0;   // no slot: written whole
+        m_bases.emplace_back();
+        const uint16_t slot = static_cast<uint16_t>(m_bases.size());
+        m_slotKeys[i] = key;
+        m_slotIds[i] = slot;
+        *first = true;   // the slot's first record: whole
+        if (2 * m_bases.size() > m_slotKeys.size()) {
+            std::vector<uint64_t> keys(2 * m_slotKeys.size(), 0);
+            std::vector<uint16_t> ids(keys.size(), 0);
+            mask = keys.size() - 1;
+            for (size_t j = 0; j < m_slotKeys.size(); ++j) {
+                if (!m_slotKeys[j]) continue;
+                size_t p = m_slotKeys[j] & mask;
+                while (keys[p]) p = (p + 1) & mask;
+                keys[p] = m_slotKeys[j];
+                ids[p] = m_slotIds[j];
+            }
+            m_slotKeys.swap(keys);
+            m_slotIds.swap(ids);
+        }
+        return slot;
+    }
 }
 
 void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t entries) {
@@ -398,7 +433,8 @@ void JournalWriter::OpenDay(const std::string& day) {
     CloseFile();
     m_day = day;
     // Slots start again in every file (and in a file appended to).
-    m_slotOf.clear();
+    m_slotKeys.clear();
+    m_slotIds.clear();
     m_bases.clear();
     std::string path;
     for (int n = 1; n < 100 && m_fd < 0; ++n) {

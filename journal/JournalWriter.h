@@ -33,7 +33,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "journal/JournalFormat.h"
@@ -89,6 +88,10 @@ private:
     void Process(unsigned char* data, size_t size);
     // Appends one entry to m_out, a depth record as a delta when smaller.
     void Transcode(const unsigned char* entry);
+    static uint64_t InstrumentKey(const unsigned char* depthRecord);
+    // The slot (1-based) of an instrument key in the current file, made on
+    // first sight (then *first is set); 0 when the file has no slot left.
+    uint16_t SlotOf(uint64_t key, bool* first);
     void WriteRun(const unsigned char* data, size_t size, uint64_t entries);
     void OpenDay(const std::string& day);
     void CloseFile();
@@ -112,7 +115,9 @@ private:
     std::unique_ptr<unsigned char[]> m_spare;
     std::vector<unsigned char> m_out;     // the batch as written (m_outUsed bytes of it)
     size_t m_outUsed = 0;
-    std::unordered_map<uint64_t, uint16_t> m_slotOf;   // instrument -> slot + 1, per file
+    // Per file: instrument key -> slot + 1, open addressing (see SlotOf).
+    std::vector<uint64_t> m_slotKeys;
+    std::vector<uint16_t> m_slotIds;
     std::vector<COrvexWiraDepthMarketDataField> m_bases;   // last record of each slot
     std::vector<unsigned char> m_early;   // entries before the first trading day
     uint64_t m_earlyEntries = 0;

@@ -385,7 +385,9 @@ TEST(JournalWriter, DepthDeltasReadBackWholeAndSmaller) {
 TEST(JournalFormat, MalformedDepthDeltasAreRefused) {
     const COrvexWiraDepthMarketDataField a = MakeDepth("cu2501", "SHFE", 1), b = MakeDepth("cu2501", "SHFE", 2);
     unsigned char delta[8 + 408];
-    const size_t n = EncodeDepthDelta(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&b), delta);
+    COrvexWiraDepthMarketDataField base = a;
+    const size_t n = EncodeDepthDelta(reinterpret_cast<unsigned char*>(&base), reinterpret_cast<const unsigned char*>(&b), delta);
+    EXPECT_EQ(0, std::memcmp(&base, &b, sizeof(b)));   // the base moves on to the new record
     COrvexWiraDepthMarketDataField r = a;
     ASSERT_TRUE(ApplyDepthDelta(delta, n, reinterpret_cast<unsigned char*>(&r)));
     EXPECT_EQ(0, std::memcmp(&r, &b, sizeof(r)));
@@ -395,7 +397,46 @@ TEST(JournalFormat, MalformedDepthDeltasAreRefused) {
     wide[7] = 0x80;   // a word past the record's 51
     EXPECT_FALSE(ApplyDepthDelta(wide, 16, reinterpret_cast<unsigned char*>(&r)));
     // Equal records: the mask alone.
-    EXPECT_EQ(8u, EncodeDepthDelta(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&a), delta));
+    base = a;
+    EXPECT_EQ(8u, EncodeDepthDelta(reinterpret_cast<unsigned char*>(&base), reinterpret_cast<const unsigned char*>(&a), delta));
+}
+
+TEST(JournalFormat, DeltasOfEveryWordPatternRoundTrip) {
+    // Every count of changed words, at scattered places, including all 51.
+    COrvexWiraDepthMarketDataField a = MakeDepth("cu2501", "SHFE", 1);
+    unsigned char* words = reinterpret_cast<unsigned char*>(&a);
+    for (size_t changed = 0; changed <= kDepthWords; ++changed) {
+        COrvexWiraDepthMarketDataField b = a;
+        unsigned char* bw = reinterpret_cast<unsigned char*>(&b);
+        for (size_t k = 0; k < changed; ++k) bw[8 * ((k * 19 + changed) % kDepthWords) + k % 8] ^= 0x5A;
+        size_t distinct = 0;
+        for (size_t w = 0; w < kDepthWords; ++w) distinct += std::memcmp(words + 8 * w, bw + 8 * w, 8) != 0;
+        unsigned char delta[8 + 408];
+        COrvexWiraDepthMarketDataField base = a;
+        const size_t n = EncodeDepthDelta(reinterpret_cast<unsigned char*>(&base), bw, delta);
+        EXPECT_EQ(8 + 8 * distinct, n);
+        COrvexWiraDepthMarketDataField r = a;
+        ASSERT_TRUE(ApplyDepthDelta(delta, n, reinterpret_cast<unsigned char*>(&r)));
+        EXPECT_EQ(0, std::memcmp(&r, &b, sizeof(r))) << changed;
+        EXPECT_EQ(0, std::memcmp(&base, &b, sizeof(b))) << changed;
+    }
+}
+
+TEST(JournalFormat, EntryChecksAreThoseOfEarlierFiles) {
+    // Files already written carry these checks: the function must never
+    // change, whatever its code becomes. Every size class of the tail is here.
+    unsigned char head[16], payload[448];
+    for (int i = 0; i < 16; ++i) head[i] = static_cast<unsigned char>(i * 7 + 1);
+    for (int i = 0; i < 448; ++i) payload[i] = static_cast<unsigned char>(i * 31 + 5);
+    const struct {
+        size_t size;
+        uint32_t check;
+    } known[] = {{0, 0xF08CDF93u},   {1, 0x5EEAC122u},   {7, 0x98E01740u},   {8, 0x5777707Cu},   {9, 0x063D9572u},
+                 {15, 0xC26731D7u},  {16, 0xF9ABBE4Bu},  {17, 0xF2A7A8E3u},  {23, 0x316C442Du},  {24, 0x3A658327u},
+                 {25, 0x2EAE11FFu},  {31, 0x556D06EBu},  {32, 0x042043CAu},  {33, 0x8FDCB344u},  {40, 0x348EB6E5u},
+                 {57, 0x6BD88A8Du},  {63, 0x08DE106Bu},  {64, 0xC3F3C458u},  {65, 0x2A82696Fu},  {96, 0x12358072u},
+                 {100, 0x5B322681u}, {408, 0xEF1E9F7Au}, {416, 0xDBD82460u}, {440, 0x9F8F3375u}};
+    for (const auto& k : known) EXPECT_EQ(k.check, EntryCheck(head, payload, k.size)) << k.size;
 }
 
 // The callback path's clock: never backwards on a thread, and within a
