@@ -372,6 +372,7 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
     if (!size) return;
     if (m_fd < 0 && !m_day.empty()) {
         // The day's file could not be opened (logged then): counted as lost.
+        LoseFileBases();
         std::lock_guard<std::mutex> lock(m_lock);
         m_stats.dropped += entries;
         m_stats.droppedBytes += size;
@@ -379,6 +380,7 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
     }
     if (m_fd < 0) {
         if (m_early.size() + size > kEarlyLimit) {
+            LoseFileBases();
             {
                 std::lock_guard<std::mutex> lock(m_lock);
                 m_stats.dropped += entries;
@@ -397,6 +399,7 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
         m_stats.entries += entries;
         m_stats.bytes += size;
     } else {
+        LoseFileBases();
         bool first;
         {
             std::lock_guard<std::mutex> lock(m_lock);
@@ -406,6 +409,12 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
         }
         if (first) Log("journal: cannot write " + m_stats.file + ": " + std::strerror(errno) + "; entries are dropped");
     }
+}
+
+void JournalWriter::LoseFileBases() {
+    m_slotKeys.clear();
+    m_slotIds.clear();
+    m_bases.clear();
 }
 
 bool JournalWriter::WriteAll(const unsigned char* data, size_t size) {
@@ -433,9 +442,7 @@ void JournalWriter::OpenDay(const std::string& day) {
     CloseFile();
     m_day = day;
     // Slots start again in every file (and in a file appended to).
-    m_slotKeys.clear();
-    m_slotIds.clear();
-    m_bases.clear();
+    LoseFileBases();
     std::string path;
     for (int n = 1; n < 100 && m_fd < 0; ++n) {
         path = n == 1 ? DayFileName(m_options.dir, day) : DayFileName(m_options.dir, day + "." + std::to_string(n));

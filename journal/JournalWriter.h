@@ -92,6 +92,10 @@ private:
     // The slot (1-based) of an instrument key in the current file, made on
     // first sight (then *first is set); 0 when the file has no slot left.
     uint16_t SlotOf(uint64_t key, bool* first);
+    // The file no longer holds the slots' last records (a new file, or
+    // entries lost on the way to it): the slots start again, each with a
+    // whole record.
+    void LoseFileBases();
     void WriteRun(const unsigned char* data, size_t size, uint64_t entries);
     void OpenDay(const std::string& day);
     void CloseFile();
