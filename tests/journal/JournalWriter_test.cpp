@@ -338,9 +338,11 @@ TEST(JournalWriter, RecordsAfterLostWritesReadBackExact) {
     JournalWriter w(o);
     ASSERT_TRUE(w.Start(nullptr));
     const std::vector<std::string> records = MovingRecords(30000);
+    // Batches of 500 until they no longer fit, then batches of 5 that do
+    // fit in what is left: those must not be deltas from the lost ones.
     for (size_t i = 0; i < 20000; ++i) {
         ASSERT_TRUE(w.Add(kDepth, 0, static_cast<int64_t>(i), records[i].data(), 408));
-        if (i % 500 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (i % (i < 19000 ? 500 : 5) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(3));
     }
     w.SetTradingDay("20250102");
     for (size_t i = 20000; i < records.size(); ++i)
