@@ -31,6 +31,13 @@ void JournalSpi::AddAnswer(uint16_t kind, const R* record, const COrvexWiraRspIn
 }
 
 void JournalSpi::SeeDay(const char* text, size_t width) {
+    // Nearly every record carries the day seen last: its eight bytes as
+    // they stood then answer at once.
+    uint64_t bytes = 0;
+    if (width >= 8) {
+        std::memcpy(&bytes, text, 8);
+        if (bytes == m_dayBytes.load(std::memory_order_relaxed)) return;
+    }
     uint32_t day = 0;
     size_t i = 0;
     for (; i < width && i < 8 && text[i] >= '0' && text[i] <= '9'; ++i) day = day * 10 + static_cast<uint32_t>(text[i] - '0');
@@ -39,9 +46,11 @@ void JournalSpi::SeeDay(const char* text, size_t width) {
     while (day > current) {
         if (m_day.compare_exchange_weak(current, day)) {
             if (m_writer) m_writer->SetTradingDay(std::string(text, 8));
+            m_dayBytes.store(bytes, std::memory_order_relaxed);
             return;
         }
     }
+    if (day == current) m_dayBytes.store(bytes, std::memory_order_relaxed);
 }
 
 void JournalSpi::OnFrontLinked() { Add(kLinked, 0, nullptr, 0); }

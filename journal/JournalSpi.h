@@ -65,6 +65,7 @@ private:
     const std::map<int, int> m_templateSizes;
     std::atomic<uint64_t> m_counts[9] = {};
     std::atomic<uint32_t> m_day{0};
+    std::atomic<uint64_t> m_dayBytes{0};   // the text of m_day as last seen
     std::atomic<uint64_t> m_templatesSkipped{0};
 };
 

@@ -65,15 +65,15 @@ int64_t FastWallNanos() {
         int64_t wall = 0;
         uint64_t calTsc = 0;       // the first reading, for the scale
         int64_t calWall = 0;
-        double nsPerTick = 0;      // 0 until known
+        uint64_t scale = 0;        // ns per tick in 32.32 fixed point; 0 until known
         uint64_t resyncTicks = 0;  // about a millisecond
         int64_t last = 0;
     };
     thread_local Clock c;
     const uint64_t now = __builtin_ia32_rdtsc();
     int64_t t;
-    if (c.nsPerTick > 0 && now - c.tsc < c.resyncTicks) {
-        t = c.wall + static_cast<int64_t>(static_cast<double>(now - c.tsc) * c.nsPerTick);
+    if (now - c.tsc < c.resyncTicks) {
+        t = c.wall + static_cast<int64_t>((static_cast<unsigned __int128>(now - c.tsc) * c.scale) >> 32);
     } else {
         uint64_t tsc;
         ReadPair(&tsc, &t);
@@ -82,8 +82,9 @@ int64_t FastWallNanos() {
             c.calTsc = tsc;
         } else if (t - c.calWall >= 10000000 && tsc > c.calTsc) {
             // Ten milliseconds or more since the first reading: the scale.
-            c.nsPerTick = static_cast<double>(t - c.calWall) / static_cast<double>(tsc - c.calTsc);
-            c.resyncTicks = static_cast<uint64_t>(1e6 / c.nsPerTick);
+            const double nsPerTick = static_cast<double>(t - c.calWall) / static_cast<double>(tsc - c.calTsc);
+            c.scale = static_cast<uint64_t>(nsPerTick * 4294967296.0);
+            c.resyncTicks = static_cast<uint64_t>(1e6 / nsPerTick);
         }
         c.tsc = tsc;
         c.wall = t;
@@ -148,6 +149,13 @@ bool JournalWriter::Add(uint16_t kind, uint16_t aux, int64_t time, const void* p
             EncodeEntryHead(h, p);
             if (size) std::memcpy(p + kEntryHeadSize, payload, size);
             m_used += need;
+            {
+                // The queue's lines are cold (the writer read them last):
+                // those of an entry like this one are claimed now, while the
+                // caller goes on with its own work, rather than at the copy.
+                unsigned char* next = m_buf.get() + m_used;
+                for (size_t off = 0; off < need && m_used + off < m_half; off += 64) __builtin_prefetch(next + off, 1, 3);
+            }
             if (m_used > m_stats.highWater) m_stats.highWater = m_used;
             if (!m_woken && (m_options.flushMs == 0 || m_used >= m_half / 2)) wake = m_woken = true;
         }
