@@ -12,6 +12,13 @@ inline uint64_t Load64(const unsigned char* p) {
     std::memcpy(&v, p, 8);
     return v;
 }
+// Without a library call on processors older than the popcnt instruction.
+inline size_t PopCount(uint64_t x) {
+    x = x - ((x >> 1) & 0x5555555555555555ull);
+    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return static_cast<size_t>((x * 0x0101010101010101ull) >> 56);
+}
 inline uint64_t Rotl(uint64_t v, int r) { return (v << r) | (v >> (64 - r)); }
 inline uint64_t Mix(uint64_t h, uint64_t w) { return Rotl((h ^ w) * kMul, 29); }
 
@@ -56,7 +63,7 @@ bool ApplyDepthDelta(const unsigned char* delta, size_t size, unsigned char* rec
     if (size < 8) return false;
     uint64_t mask = Load64(delta);
     if (mask >> kDepthWords) return false;
-    if (size != 8 + 8 * static_cast<size_t>(__builtin_popcountll(mask))) return false;
+    if (size != 8 + 8 * PopCount(mask)) return false;
     const unsigned char* v = delta + 8;
     while (mask) {
         const int i = __builtin_ctzll(mask);
