@@ -169,6 +169,11 @@ private:
     void Wake();
     // How long the worker may wait for input in this pass.
     int WaitTimeoutMs(uint32_t lastHeartBeat) const;
+    // Whether this pass has queue work: something was queued since the
+    // last service (the flag is taken), queries wait for their markets, or
+    // the file service is busy or has answers waiting. When false, the
+    // service would find every queue empty and is skipped.
+    bool TakeQueueWork();
     static CIniFile ReadConfig();
     static MdEngineSettings ReadSettings(const CIniFile& config, bool deliverSnapshot);
 
@@ -198,6 +203,9 @@ private:
     std::map<unsigned short, int> m_reqHandles;
     unsigned short m_nHandle = 0;
 
+    // Set after anything is put in the three queues below (and when
+    // queries go back to wait); taken by the worker before it serves them.
+    std::atomic<bool> m_bQueued{false};
     std::mutex m_qryLock;
     std::vector<_QryInstrumentInfo> m_qryQueue;
     std::mutex m_subLock;

@@ -117,7 +117,7 @@ void CDCThread::WorkLoop() {
             }
 
             if (!IsConnected()) continue;
-            ServeQueues();
+            if (TakeQueueWork()) ServeQueues();
 
             int64_t sock = m_socket.load();
             if (sock >= 0) {
@@ -258,7 +258,8 @@ void CDCThread::ReadSocket() {
         Reset(kReasonReadError);
         return;
     }
-    m_lastReceiveTick = orvex::NowTick();
+    // Only the receive time-out reads the time of the last receive.
+    if (m_nRecvTimeoutMs > 0) m_lastReceiveTick = orvex::NowTick();
     m_cutter.Commit(static_cast<int>(n));
     // Whole frames go straight to the engine.
     if (m_cutter.Cut(m_engine) == CDCFrameCutter::kProtocolError) Reset(kReasonBadFrame);
