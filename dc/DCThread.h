@@ -149,7 +149,9 @@ private:
     static void* WorkThread(void* arg);
     void WorkLoop();
     void Connect();
-    void ReadSocket();
+    // One receive into the cutter's free space (flags as for recv), then
+    // the whole frames go to the engine.
+    void ReadSocket(int flags);
     // Builds "@", command*2, length, body in a per-call buffer and sends it
     // under the send lock; a failed send resets with reason 4098.
     int SendFrame(int command, const void* body, int length);
@@ -198,6 +200,9 @@ private:
     // connection may stay silent ([CONFIG] RecvTimeout, 0: for ever).
     uint32_t m_lastReceiveTick = 0;
     uint32_t m_nRecvTimeoutMs = 0;
+    // The last receive filled all the free space of the buffer (worker
+    // only).
+    bool m_bReceiveFilled = false;
 
     std::mutex m_handleLock;
     std::map<unsigned short, int> m_reqHandles;
