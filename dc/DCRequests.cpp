@@ -164,6 +164,7 @@ int CDCThread::SubscribeMarketData(char* ids[], int count) {
     // be drained.
     if (SubscribeEnabled()) {
         Enqueue(m_subLock, m_subQueue, ids, count);
+        m_bQueued.store(true, std::memory_order_release);
         Wake();
     }
     return 0;
@@ -172,6 +173,7 @@ int CDCThread::SubscribeMarketData(char* ids[], int count) {
 int CDCThread::UnSubscribeMarketData(char* ids[], int count) {
     if (SubscribeEnabled()) {
         Enqueue(m_unsubLock, m_unsubQueue, ids, count);
+        m_bQueued.store(true, std::memory_order_release);
         Wake();
     }
     return 0;
@@ -187,6 +189,7 @@ int CDCThread::ReqQryInstrument(COrvexWiraQryInstrumentField* query, int request
         std::lock_guard<std::mutex> lock(m_qryLock);
         m_qryQueue.push_back(info);
     }
+    m_bQueued.store(true, std::memory_order_release);
     Wake();
     return 0;
 }
@@ -201,6 +204,14 @@ void CDCThread::ServeQueues() {
     }
 }
 
+bool CDCThread::TakeQueueWork() {
+    // The flag is cleared before the queues are taken, so work queued after
+    // the take sets it again for the next pass.
+    const bool queued =
+        m_bQueued.load(std::memory_order_relaxed) && m_bQueued.exchange(false, std::memory_order_acq_rel);
+    return queued || !m_qxsfWorkers.empty() || !m_qxsfWaiting.empty() || m_engine.FileAnswersWaiting() != 0;
+}
+
 void CDCThread::CheckQryInstrument() {
     // Queries that are not ready go back to the front of the queue, ahead of
     // anything queued meanwhile (a callback may query again).
@@ -208,8 +219,12 @@ void CDCThread::CheckQryInstrument() {
     if (batch.empty()) return;
     const std::vector<_QryInstrumentInfo> waiting = m_engine.ServeQueries(batch);
     if (waiting.empty()) return;
-    std::lock_guard<std::mutex> lock(m_qryLock);
-    m_qryQueue.insert(m_qryQueue.begin(), waiting.begin(), waiting.end());
+    {
+        std::lock_guard<std::mutex> lock(m_qryLock);
+        m_qryQueue.insert(m_qryQueue.begin(), waiting.begin(), waiting.end());
+    }
+    // Asked again on the next pass.
+    m_bQueued.store(true, std::memory_order_release);
 }
 
 bool CDCThread::HandOverQuery(const _QryInstrumentInfo& query, std::vector<std::string> markets,

@@ -149,7 +149,9 @@ private:
     static void* WorkThread(void* arg);
     void WorkLoop();
     void Connect();
-    void ReadSocket();
+    // One receive into the cutter's free space (flags as for recv), then
+    // the whole frames go to the engine.
+    void ReadSocket(int flags);
     // Builds "@", command*2, length, body in a per-call buffer and sends it
     // under the send lock; a failed send resets with reason 4098.
     int SendFrame(int command, const void* body, int length);
@@ -169,6 +171,11 @@ private:
     void Wake();
     // How long the worker may wait for input in this pass.
     int WaitTimeoutMs(uint32_t lastHeartBeat) const;
+    // Whether this pass has queue work: something was queued since the
+    // last service (the flag is taken), queries wait for their markets, or
+    // the file service is busy or has answers waiting. When false, the
+    // service would find every queue empty and is skipped.
+    bool TakeQueueWork();
     static CIniFile ReadConfig();
     static MdEngineSettings ReadSettings(const CIniFile& config, bool deliverSnapshot);
 
@@ -193,11 +200,17 @@ private:
     // connection may stay silent ([CONFIG] RecvTimeout, 0: for ever).
     uint32_t m_lastReceiveTick = 0;
     uint32_t m_nRecvTimeoutMs = 0;
+    // The last receive filled all the free space of the buffer (worker
+    // only).
+    bool m_bReceiveFilled = false;
 
     std::mutex m_handleLock;
     std::map<unsigned short, int> m_reqHandles;
     unsigned short m_nHandle = 0;
 
+    // Set after anything is put in the three queues below (and when
+    // queries go back to wait); taken by the worker before it serves them.
+    std::atomic<bool> m_bQueued{false};
     std::mutex m_qryLock;
     std::vector<_QryInstrumentInfo> m_qryQueue;
     std::mutex m_subLock;

@@ -117,10 +117,15 @@ void CDCThread::WorkLoop() {
             }
 
             if (!IsConnected()) continue;
-            ServeQueues();
+            if (TakeQueueWork()) ServeQueues();
 
             int64_t sock = m_socket.load();
-            if (sock >= 0) {
+            if (sock >= 0 && m_bReceiveFilled) {
+                // The last receive filled the buffer, so the socket most
+                // likely holds more: this pass receives without waiting
+                // (and without blocking, in case it does not).
+                ReadSocket(MSG_DONTWAIT);
+            } else if (sock >= 0) {
                 // poll rather than select: a trading process may hold more
                 // than FD_SETSIZE descriptors. Queued work and resets wake the
                 // wait at once through the wake descriptor, so the wait need
@@ -138,7 +143,7 @@ void CDCThread::WorkLoop() {
                     ssize_t n = read(m_wakeFd, &drained, sizeof(drained));
                     (void)n;
                 }
-                if (rc > 0 && fds[0].revents) ReadSocket();
+                if (rc > 0 && fds[0].revents) ReadSocket(0);
             }
 
             if (orvex::NowTick() - lastHeartBeat > 14999) {
@@ -224,6 +229,7 @@ void CDCThread::Connect() {
     }
     if (connected) {
         m_cutter.Clear();
+        m_bReceiveFilled = false;
         {
             std::lock_guard<std::recursive_mutex> lock(m_sendLock);
             m_socket = sock;
@@ -243,10 +249,12 @@ void CDCThread::Connect() {
     for (_FrontInfo& f : m_fronts) f.usable = true;
 }
 
-void CDCThread::ReadSocket() {
+void CDCThread::ReadSocket(int flags) {
+    m_bReceiveFilled = false;
     int64_t sock = m_socket.load();
     if (sock < 0) return;
-    ssize_t n = recv(static_cast<int>(sock), m_cutter.FreeSpace(), static_cast<size_t>(m_cutter.FreeBytes()), 0);
+    const int room = m_cutter.FreeBytes();
+    ssize_t n = recv(static_cast<int>(sock), m_cutter.FreeSpace(), static_cast<size_t>(room), flags);
     if (n == 0) {
         Reset(kReasonServerClosed);
         return;
@@ -254,11 +262,15 @@ void CDCThread::ReadSocket() {
     if (n < 0) {
         int err = errno;
         if (err == 10035) return;
+        // Nothing there after all (only a receive without waiting).
+        if ((flags & MSG_DONTWAIT) && (err == EAGAIN || err == EWOULDBLOCK)) return;
         Log("recv error:%d", err);
         Reset(kReasonReadError);
         return;
     }
-    m_lastReceiveTick = orvex::NowTick();
+    // Only the receive time-out reads the time of the last receive.
+    if (m_nRecvTimeoutMs > 0) m_lastReceiveTick = orvex::NowTick();
+    m_bReceiveFilled = n == room;
     m_cutter.Commit(static_cast<int>(n));
     // Whole frames go straight to the engine.
     if (m_cutter.Cut(m_engine) == CDCFrameCutter::kProtocolError) Reset(kReasonBadFrame);

@@ -8,6 +8,7 @@
 #include <emmintrin.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -141,7 +142,7 @@ void CMdEngine::ApplyStatusRecord(const char* payload) {
 }
 
 // A pushed quote row of rowLength bytes (at least its 39-byte head).
-void CMdEngine::ApplyPushedRow(const char* row, int rowLength) {
+void CMdEngine::ApplyPushedRow(const char* row, int rowLength, CQxInstrument* inst, bool lookedUp) {
     const char* code = row + 10;
     const std::string_view codeView(code, CodeLength(code));
     const int codeLen = static_cast<int>(codeView.size());
@@ -151,7 +152,7 @@ void CMdEngine::ApplyPushedRow(const char* row, int rowLength) {
         return;
     }
     if (!Level(market->marketId)) return;
-    CQxInstrument* inst = market->FindInstrument(codeView);
+    if (!lookedUp) inst = market->FindInstrument(codeView);
     if (!inst) {
         if (m_settings.log) Log("Can not find Instrument:%.*s", codeLen, code);
         return;
@@ -222,8 +223,35 @@ void CMdEngine::MarketText(int marketId, char* out9) {
     snprintf(out9, 9, "%d", marketId);
 }
 
+int CMdEngine::LookUpPushedRows(const char* body, unsigned int length) {
+    int rows = 0;
+    unsigned int pos = 0;
+    while (pos + kRecordHead <= length && rows < kLookAhead) {
+        const char* rec = body + pos;
+        const unsigned int payloadLength = Rd<uint16_t>(rec + 5);
+        if (payloadLength > length - pos - kRecordHead) break;
+        pos += kRecordHead + payloadLength;
+        if (Rd<uint8_t>(rec + 4) != kTypePush || payloadLength < kPushHead) continue;
+        const char* row = rec + kRecordHead;
+        CQxInstrument* inst = nullptr;
+        if (CQxMarket* market = FindMarket(Rd<uint16_t>(row + 8))) {
+            inst = market->FindInstrument(std::string_view(row + 10, CodeLength(row + 10)));
+            if (inst) {
+                // The divisor, the dates and the depth record: the lines a
+                // row reads and writes.
+                const char* line = reinterpret_cast<const char*>(inst);
+                for (size_t at = 0; at < offsetof(CQxInstrument, attribute1); at += 64) __builtin_prefetch(line + at, 1);
+            }
+        }
+        m_rowInstruments[rows++] = inst;
+    }
+    return rows;
+}
+
 void CMdEngine::ProcessDynainfo(const char* body, unsigned int length) {
     if (!body) return;
+    const int lookedUp = LookUpPushedRows(body, length);
+    int row = 0;
     unsigned int pos = 0;
     while (pos + kRecordHead <= length) {
         const char* rec = body + pos;
@@ -240,7 +268,12 @@ void CMdEngine::ProcessDynainfo(const char* body, unsigned int length) {
                 if (payloadLength >= kStatusPayload) ApplyStatusRecord(payload);
                 break;
             case kTypePush:
-                if (payloadLength >= kPushHead) ApplyPushedRow(payload, static_cast<int>(payloadLength));
+                if (payloadLength >= kPushHead) {
+                    const bool ahead = row < lookedUp;
+                    ApplyPushedRow(payload, static_cast<int>(payloadLength), ahead ? m_rowInstruments[row] : nullptr,
+                                   ahead);
+                    ++row;
+                }
                 break;
             case kTypeTemplate:
                 if (payloadLength >= 2)

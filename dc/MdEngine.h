@@ -241,7 +241,14 @@ private:
     void KeepLoginAnswer(unsigned char* copy, int keep, const char* body, int length, int messageOffset,
                          unsigned short* handle, unsigned short* code);
     void ApplyStatusRecord(const char* payload);
-    void ApplyPushedRow(const char* row, int rowLength);
+    // inst: the row's instrument when it was looked up ahead (null: none
+    // of that code); lookedUp false: it is looked up here.
+    void ApplyPushedRow(const char* row, int rowLength, CQxInstrument* inst, bool lookedUp);
+    // Looks up the instruments of the first kLookAhead pushed rows of a body
+    // into m_rowInstruments and asks for their records' cache lines, so that
+    // the misses of a body overlap instead of stalling one row at a time.
+    // Returns how many rows were looked up.
+    int LookUpPushedRows(const char* body, unsigned int length);
     bool Subscribed(const CQxMarket& market, const char* instrumentId);
     bool ServeQuery(COrvexWiraMdSpi* spi, const _QryInstrumentInfo& query);
     // Empties the exchanges, parking their subscriptions by exchange code.
@@ -289,6 +296,12 @@ private:
     CExtraMarket m_extraMarket;
 
     std::vector<std::unique_ptr<CQxsfRsp>> m_fileAnswers;
+    // The instruments of the pushed rows of the body being applied, looked
+    // up ahead by LookUpPushedRows. The model does not change while a body
+    // is applied, so they stay valid for it.
+    static constexpr int kLookAhead = 96;
+    CQxInstrument* m_rowInstruments[kLookAhead];
+
     // The record of the last template package, reused.
     std::vector<char> m_templateRecord;
 };

@@ -318,6 +318,52 @@ TEST_F(DCFlow, SubscriptionsSurviveAReloginThatRebuildsTheMarkets) {
     api = nullptr;
 }
 
+// Writes of exactly one receive buffer (four frames of 4096 bytes) with a
+// pause after each: every receive fills the buffer and the socket is empty
+// right after it. That is no error: the connection stays, and every row of
+// the writes and of a later push arrives, in order.
+TEST_F(DCFlow, ReceivesThatFillTheBufferThenAQuietSocketKeepTheConnection) {
+    Start();
+    ASSERT_TRUE(spi.WaitFor("depth:m2409"));
+    const size_t before = DepthsOf("al2405").size();
+    int32_t price = 95000;
+    std::vector<int32_t> sent;
+    uint32_t sequence = 100;
+    for (int write = 0; write < 8; ++write) {
+        std::string bytes;
+        for (int f = 0; f < 4; ++f) {
+            std::string body;
+            for (int r = 0; r < 20; ++r) {
+                PushedRow row(2001, "al2405", kDay, PackQuoteTime(9, 50, 0, 0));
+                row.Price(kPushLast, ++price);
+                sent.push_back(price);
+                body += DynaPushRecord(sequence++, row);
+            }
+            // A record of a type the library skips pads the body to the
+            // largest a frame carries.
+            body += DynaRecord(sequence++, 7, std::string(4092 - body.size() - 7, '\0'));
+            ASSERT_EQ(4092u, body.size());
+            bytes += BuildDcFrame(101, body);
+        }
+        ASSERT_EQ(16384u, bytes.size());
+        ASSERT_TRUE(server.SendRaw(bytes));
+        ASSERT_TRUE(WaitUntil([&] { return DepthsOf("al2405").size() == before + sent.size(); }))
+            << "write " << write;
+        usleep(20000);
+    }
+    PushedRow last(2001, "al2405", kDay, PackQuoteTime(9, 50, 1, 0));
+    last.Price(kPushLast, ++price);
+    sent.push_back(price);
+    Push(last);
+    ASSERT_TRUE(WaitUntil([&] { return DepthsOf("al2405").size() == before + sent.size(); }));
+
+    EXPECT_TRUE(spi.Copy(spi.lost).empty());
+    EXPECT_EQ(1, server.Accepted());
+    const std::vector<COrvexWiraDepthMarketDataField> al = DepthsOf("al2405");
+    for (size_t i = 0; i < sent.size(); ++i)
+        ASSERT_EQ(static_cast<double>(sent[i]) / 5.0, al[before + i].LastPrice) << "row " << i;
+}
+
 TEST_F(DCFlow, InstrumentQueriesAnswerFromTheModel) {
     Start();
     ASSERT_TRUE(spi.WaitFor("depth:m2409"));

@@ -311,6 +311,44 @@ TEST_F(DynainfoTest, LevelUnknownMarketsAndInstrumentsAreSkipped) {
     EXPECT_NE(log.find("Can not find Instrument:zz02"), std::string::npos);
 }
 
+// The instruments of a body's rows are looked up ahead of applying them:
+// every row must still meet its own instrument, whatever records lie in
+// between (status records, templates, unknown types, pushed records too
+// short to be rows, rows of unknown markets and instruments, rows of other
+// markets), and past the rows looked up ahead.
+TEST_F(DynainfoTest, LongMixedBodyDeliversEveryRowToItsOwnInstrumentInOrder) {
+    Clock(20240102, 93000000, 20240102, 93000000);
+    struct Expected {
+        std::string id;
+        double last;
+    };
+    std::vector<Expected> expected;
+    std::string body;
+    uint32_t sequence = 1;
+    const char* codes[] = {"cu2403", "cu2405", "a2405", "zz01", kLongCode};
+    for (int i = 0; i < 150; ++i) {
+        const int32_t last = 700000 + i;
+        const int pick = i % 5;
+        const uint16_t market = pick == 2 ? 2101 : 2001;
+        body += DynaPushRecord(sequence++, At(codes[pick], 9, 30, 1, 0, last, market));
+        if (pick == 0) expected.push_back({"cu2403", last / 10.0});
+        if (pick == 1) expected.push_back({"cu2405", last / 10.0});
+        if (pick == 2) expected.push_back({"a2405", static_cast<double>(last)});
+        if (pick == 4) expected.push_back({kLongCode, last / 10.0});
+        if (i % 7 == 0) body += DynaRecord(sequence++, kDynaPush, std::string(20, 'x'));   // too short: skipped
+        if (i % 11 == 0) body += DynaPushRecord(sequence++, At("cu2403", 9, 30, 1, 0, 1, 4242));   // no such market
+        if (i % 13 == 0) body += DynaRecord(sequence++, 9, "whatever");
+        if (i % 17 == 0) body += DynaStatusRecord(sequence++, StatusOf(2101, 20240102, 2, 20240102, 93000000 + i));
+    }
+    Dyna(body);
+    ASSERT_EQ(spi.depths.size(), expected.size());
+    for (size_t k = 0; k < expected.size(); ++k) {
+        EXPECT_EQ(expected[k].id, spi.depths[k].InstrumentID) << "row " << k;
+        EXPECT_EQ(expected[k].last, spi.depths[k].LastPrice) << "row " << k;
+    }
+    EXPECT_EQ(engine->DynainfoSequence(), sequence - 1);
+}
+
 TEST_F(DynainfoTest, WithoutCallbackObjectTheModelIsStillKeptCurrent) {
     Clock(20240102, 93000000, 20240102, 93000000);
     engine->SetSpi(nullptr);
