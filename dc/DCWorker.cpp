@@ -262,8 +262,10 @@ void CDCThread::ReadSocket(int flags) {
     if (n < 0) {
         int err = errno;
         if (err == 10035) return;
-        // Nothing there after all (only a receive without waiting).
+        // Nothing there after all (only a receive without waiting), or a
+        // signal came first: the next pass receives again.
         if ((flags & MSG_DONTWAIT) && (err == EAGAIN || err == EWOULDBLOCK)) return;
+        if (err == EINTR) return;
         Log("recv error:%d", err);
         Reset(kReasonReadError);
         return;
