@@ -233,9 +233,111 @@ compare CPU ns/row between runs, and the ratio within one.
   0.31 and 0.94.
 
 Tried and dropped, because the end-to-end run got slower: looking up the
-next row's instrument one row early and prefetching its memory; a second,
+next row's instrument one row early and prefetching its memory (a later,
+body-wide form of it is kept: see the paced section below); a second,
 unchecked copy of the field walk for rows known to fit; whole-program
 link-time optimisation (no measurable gain).
+
+## Paced latency and the worker's pass: before and after
+
+Measured against a bare loop that does one blocking recv() per pass, with
+frames every 100 µs (figures from old and new libraries run in turn, ten
+pairs per cell, medians of library minus bare):
+
+| placement, rate | p99 gap before → after | p50 gap before → after | CPU gap, % of a core, before → after |
+|---|---|---|---|
+| unpinned, 10,000 rows/s | +5.3 → −0.1 µs | +1.7 → +0.3 µs | +1.5 → +0.9 |
+| unpinned, 100,000 rows/s | +5.9 → +13.5 µs | +3.6 → +2.5 µs | +2.5 → +2.1 |
+| pinned, 10,000 rows/s | +11.9 → +25.1 µs | +3.1 → +2.4 µs | +1.4 → +2.6 |
+| pinned, 100,000 rows/s | +12.1 → +33.0 µs | +5.6 → +1.4 µs | +4.5 → +2.8 |
+
+Single pairs of p99 ranged from −155 to +271 µs in one cell, far wider than
+any difference in the table: the p99 gap is set by where the scheduler puts
+the two threads of the moment, not by the library. The medians of p50 and
+CPU, which are steadier, moved the right way. Since then the benchmark
+alternates the two receivers in four slices each and pools them, so that
+the machine's other load falls on both alike.
+
+Where the time of a pass goes (the old code):
+- One poll() and one recv() per pass, no other system call (the clock is
+  read through the vDSO). Waiting in poll() on two descriptors costs about
+  0.8 µs of CPU and 1 µs of latency more than a blocking recv() (a separate
+  loopback test, 100 µs pacing: 8.1 against 8.9 µs of CPU per frame);
+  epoll was no cheaper on this kernel (9.4 µs).
+- The recv() itself takes 4-5 µs at the median even with data waiting: on
+  loopback it sends and processes the TCP acknowledgement. The bare loop
+  pays the same inside its receive.
+- The pass's bookkeeping (queue service, clock reads) was about 360
+  instructions, some 50 ns.
+- The engine: 805 instructions a pushed row with the callback; a ten-row
+  body 0.44-0.48 µs with its memory in cache and 2.6-3.0 µs with the caches
+  cold, which is the paced case (the instruments' lines are evicted between
+  frames 100 µs apart).
+
+Kept:
+- The queues are served only when something was queued (an atomic flag set
+  by the queueing calls) or is still pending; the clock is read at a receive
+  only when a receive time-out is set.
+- After a receive that filled the buffer, the next pass receives at once
+  (without waiting, MSG_DONTWAIT) instead of polling first: still one
+  receive per pass into the same buffer. At full speed, polls per million
+  rows went from 9,296 to about 20; receives stayed at 9,293.
+- A body's pushed rows have their instruments looked up first (up to 96)
+  and the lines of their records prefetched, then the rows are applied with
+  those look-ups: a cold ten-row body went from 2.56-2.99 µs to 1.64-1.91 µs
+  (BM_DynainfoTenRows), cut and engine per paced pass from 2.07-2.29 µs to
+  1.74-1.86 µs, for 60 more instructions a row with warm caches.
+- Full speed, seven runs of each in turn: library CPU 168 → 151 ns/row,
+  ratio 0.57 → 0.60 (medians; both within the run-to-run spread).
+
+Tried and dropped: epoll (no cheaper than poll here); the look-ahead
+without keeping its look-ups (920 instructions a row); a two-stage
+look-ahead (index slots, then instruments: no gain); skipping the
+per-field bounds checks when a row holds all its masks claim (937
+instructions a row); one clock read per pass (about 30 ns, and it makes
+the heartbeat late after a long callback).
+
+## Recording: the cost of the journal
+
+The recorder's cost is paid twice: on the library's thread (the receive
+time and the copy into the queue) and on the writer thread, which on this
+two-core machine runs on a CPU that the sender or the library already fill
+at full speed. Measured in the recording section above (worker CPU per row
+with the journal minus without, same round) and in the journal benchmark
+(CPU per record of the writer thread):
+
+| | library's thread, extra per row | writer thread per record |
+|---|---:|---:|
+| before | about 99 ns (15 rounds: 36-162) | 160-207 ns (journal benchmark) |
+| after | about 62 ns (15 rounds: 15-110) | 133-167 ns (journal benchmark) |
+
+Kept: on the library's thread, the trading day is recognised by the eight
+bytes of the last one seen, the time-stamp counter is scaled in fixed point,
+and the queue's cold cache lines are claimed (prefetch for writing) while
+the library goes on; on the writer thread, the delta is found without
+branches and updates the instrument's base in the same pass, instruments map
+to slots through an open-addressing table keyed by whole words, and the
+entry check's tail no longer takes the address of its lanes (the checks of
+files already written are unchanged, and a test pins them).
+
+Tried and dropped:
+- Encoding the deltas on the library's thread (only the changes cross to
+  the writer): the writer fell to 57-127 ns a record, but the library's
+  thread paid 100 ns more a row (the instrument's base out of its cache),
+  and the library's thread is the one that limits the rate.
+- Waking the writer every 256 KiB, or every millisecond while busy, so that
+  the queue stays warm: the writer gets no CPU sooner (both are busy), and
+  the wake-ups cost more; the ratio fell.
+- Non-temporal stores into the queue (they must be fenced for the writer to
+  see them): 100 ns more a row.
+- Making the array's pages present from a second thread in read_journal: no
+  gain (clearing the memory is bound by the memory, not by one CPU).
+
+What is left: the receive time (a time-stamp counter read, about 10 ns), the
+copy of 432 bytes into memory the cache does not hold, the queue's lock, and
+the writer's CPU, which the sender and the library need at full speed on two
+cores. The target ratio of 0.8 holds in single rounds (0.82-0.97 at best) but
+not in the median on this machine.
 
 ## The market-data engine apart from the API object: before and after
 
