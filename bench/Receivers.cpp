@@ -45,16 +45,20 @@ bool DeliveryRecorder::WaitFor(uint64_t rows, int quietMs) const {
     return true;
 }
 
-LatencySummary DeliveryRecorder::Summarize() {
+LatencySummary SummarizeLatencies(std::vector<int64_t> v) {
     LatencySummary s;
-    const uint64_t n = Count();
-    s.rows = n;
-    std::vector<int64_t> v(m_latency.begin(), m_latency.begin() + static_cast<std::ptrdiff_t>(n));
+    s.rows = v.size();
     s.p50 = Percentile(v, 50);
     s.p99 = Percentile(v, 99);
     s.p999 = Percentile(v, 99.9);
     s.max = v.empty() ? 0 : v.back();
     return s;
+}
+
+LatencySummary DeliveryRecorder::Summarize() {
+    const uint64_t n = Count();
+    return SummarizeLatencies(
+        std::vector<int64_t>(m_latency.begin(), m_latency.begin() + static_cast<std::ptrdiff_t>(n)));
 }
 
 std::vector<int64_t> DeliveryRecorder::SortedLatencies() const {

@@ -26,6 +26,9 @@ struct LatencySummary {
     int64_t p50 = 0, p99 = 0, p999 = 0, max = 0;   // ns
 };
 
+// Percentiles and maximum of latencies in any order.
+LatencySummary SummarizeLatencies(std::vector<int64_t> latencies);
+
 class DeliveryRecorder {
 public:
     // Expects rows firstSeq .. firstSeq + capacity - 1; space is reserved

@@ -243,12 +243,7 @@ RunResult Pool(const std::vector<RunResult>& runs) {
     }
     std::sort(out.sorted.begin(), out.sorted.end());
     out.cpuShare = sendingNs > 0 ? 100.0 * cpuNs / sendingNs : 0;
-    out.lat.rows = out.sorted.size();
-    std::vector<int64_t> v = out.sorted;
-    out.lat.p50 = Percentile(v, 50);
-    out.lat.p99 = Percentile(v, 99);
-    out.lat.p999 = Percentile(v, 99.9);
-    out.lat.max = v.empty() ? 0 : v.back();
+    out.lat = SummarizeLatencies(out.sorted);
     return out;
 }
 
