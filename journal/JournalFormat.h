@@ -130,7 +130,10 @@ constexpr size_t kDepthWords = sizeof(COrvexWiraDepthMarketDataField) / 8;
 static_assert(sizeof(COrvexWiraDepthMarketDataField) % 8 == 0, "depth record of whole words");
 // Encodes `now` against `base` into out (room for 8 + 408 bytes needed)
 // and copies `now` into `base`; returns the delta's size.
+// Uses the processor's vector instructions where it has them.
 size_t EncodeDepthDelta(unsigned char* base, const unsigned char* now, unsigned char* out);
+// The same bytes without them (the tests hold the two together).
+size_t EncodeDepthDeltaWithoutVectors(unsigned char* base, const unsigned char* now, unsigned char* out);
 // Applies a delta to `record` (the slot's previous record) in place; false
 // when the delta is malformed.
 bool ApplyDepthDelta(const unsigned char* delta, size_t size, unsigned char* record);

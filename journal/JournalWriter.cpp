@@ -96,8 +96,7 @@ int64_t FastWallNanos() {
 
 JournalWriter::JournalWriter(Options options) : m_options(std::move(options)) {
     if (m_options.queueBytes < 2 * kMarkRoom + 64 * 1024) m_options.queueBytes = 2 * kMarkRoom + 64 * 1024;
-    // Two buffers of half the bound: one fills while the other is written.
-    m_half = m_options.queueBytes / 2;
+    m_cap = m_options.queueBytes & ~size_t{7};
     m_stats.queueBytes = m_options.queueBytes;
 }
 
@@ -119,78 +118,175 @@ bool JournalWriter::Start(std::string* error) {
         if (error) *error = m_options.dir + ": not a directory";
         return false;
     }
-    m_buf.reset(new unsigned char[m_half]);
-    m_spare.reset(new unsigned char[m_half]);
-    // Every page of the queue is touched now, so that the library's thread
+    m_ring.reset(new unsigned char[m_cap]);
+    // Every page of the ring is touched now, so that the library's thread
     // never takes a page fault (a page cleared by the kernel) in a callback.
-    std::memset(m_buf.get(), 0, m_half);
-    std::memset(m_spare.get(), 0, m_half);
+    std::memset(m_ring.get(), 0, m_cap);
     m_started = true;
+    m_open.store(true, std::memory_order_release);
     m_thread = std::thread([this] { Run(); });
     return true;
 }
 
+namespace {
+
+constexpr size_t Align8(size_t n) { return (n + 7) & ~size_t{7}; }
+// In place of an entry's size: the rest of the ring is unused, the stream
+// goes on at its start.
+constexpr uint32_t kWrapMark = 0xFFFFFFFFu;
+
+// One per thread: its address tells the threads apart.
+inline uintptr_t ThreadToken() {
+    static thread_local char token;
+    return reinterpret_cast<uintptr_t>(&token);
+}
+
+}  // namespace
+
 bool JournalWriter::Add(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size) {
+    const uintptr_t me = ThreadToken();
+    uintptr_t owner = m_owner.load(std::memory_order_relaxed);
+    if (owner != me) {
+        // The ring goes to the thread of the first depth record: the
+        // library's worker.
+        if (owner != 0 || kind != kDepth || !m_owner.compare_exchange_strong(owner, me))
+            return AddToSide(kind, aux, time, payload, size);
+    }
+    return AddToRing(kind, aux, time, payload, size, false);
+}
+
+// The owner thread only (for a day mark, under m_lock as well).
+bool JournalWriter::AddToRing(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size,
+                              bool mark) {
+    const size_t need = Align8(kEntryHeadSize + size);
+    if (!m_open.load(std::memory_order_relaxed) || size > kMaxPayload || need > m_cap / 4) return Dropped(need);
+    uint64_t head = m_head;
+    size_t off = static_cast<size_t>(head % m_cap);
+    // An entry never straddles the end: the rest is skipped.
+    const size_t skip = off + need > m_cap ? m_cap - off : 0;
+    // The last kMarkRoom bytes are for day marks only, so one always fits.
+    const size_t room = skip + need + (mark ? 0 : kMarkRoom);
+    if (head - m_consumedSeen + room > m_cap) {
+        m_consumedSeen = m_consumed.load(std::memory_order_acquire);
+        if (head - m_consumedSeen + room > m_cap) {
+            if (!mark && !m_wakeAsked.load(std::memory_order_relaxed)) {
+                m_wakeAsked.store(true, std::memory_order_relaxed);
+                Wake();
+            }
+            return Dropped(need);
+        }
+    }
+    if (skip) {
+        std::memcpy(m_ring.get() + off, &kWrapMark, 4);
+        head += skip;
+        off = 0;
+    }
+    unsigned char* p = m_ring.get() + off;
+    EntryHead h;
+    h.size = size;
+    h.kind = kind;
+    h.aux = aux;
+    h.time = time;
+    EncodeEntryHead(h, p);
+    if (size) std::memcpy(p + kEntryHeadSize, payload, size);
+    head += need;
+    m_head = head;
+    m_published.store(head, std::memory_order_release);
+    {
+        // The ring's lines are cold (the writer read them last): those of
+        // an entry like this one are claimed now, while the caller goes on
+        // with its own work, rather than at the next copy.
+        const size_t next = off + need;
+        for (size_t o = 0; o < need && next + o < m_cap; o += 64) __builtin_prefetch(p + need + o, 1, 3);
+    }
+    uint64_t used = head - m_consumedSeen;
+    if (used > m_ringHigh || used >= m_cap / 2) {
+        m_consumedSeen = m_consumed.load(std::memory_order_acquire);
+        used = head - m_consumedSeen;
+        if (used > m_ringHigh) {
+            m_ringHigh = used;
+            m_ringHighWater.store(used, std::memory_order_relaxed);
+        }
+    }
+    if (mark) return true;
+    if (m_options.flushMs == 0) {
+        Wake();
+    } else if (used >= m_cap / 2 && !m_wakeAsked.load(std::memory_order_relaxed)) {
+        m_wakeAsked.store(true, std::memory_order_relaxed);
+        Wake();
+    }
+    return true;
+}
+
+bool JournalWriter::AddToSide(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size) {
     const size_t need = kEntryHeadSize + size;
-    bool wake = false;
-    uint64_t dropped = 0;
+    bool full = false;
     {
         std::lock_guard<std::mutex> lock(m_lock);
-        if (!m_started || m_stop || size > kMaxPayload || m_used + need > m_half - kMarkRoom) {
-            dropped = ++m_stats.dropped;
-            m_stats.droppedBytes += need;
+        if (!m_open.load(std::memory_order_relaxed) || size > kMaxPayload ||
+            m_side.size() + need > m_cap / 2 - kMarkRoom) {
+            full = true;   // dropped below, after the lock; the writer is woken all the same
         } else {
-            unsigned char* p = m_buf.get() + m_used;
+            const size_t at = m_side.size();
+            m_side.resize(at + need);
             EntryHead h;
             h.size = size;
             h.kind = kind;
             h.aux = aux;
             h.time = time;
-            EncodeEntryHead(h, p);
-            if (size) std::memcpy(p + kEntryHeadSize, payload, size);
-            m_used += need;
-            {
-                // The queue's lines are cold (the writer read them last):
-                // those of an entry like this one are claimed now, while the
-                // caller goes on with its own work, rather than at the copy.
-                unsigned char* next = m_buf.get() + m_used;
-                for (size_t off = 0; off < need && m_used + off < m_half; off += 64) __builtin_prefetch(next + off, 1, 3);
-            }
-            if (m_used > m_stats.highWater) m_stats.highWater = m_used;
-            if (!m_woken && (m_options.flushMs == 0 || m_used >= m_half / 2)) wake = m_woken = true;
+            EncodeEntryHead(h, m_side.data() + at);
+            if (size) std::memcpy(m_side.data() + at + kEntryHeadSize, payload, size);
+            // Everything the owner published so far comes before this.
+            m_sideAt.emplace_back(m_published.load(std::memory_order_acquire), at);
+            if (m_side.size() > m_stats.highWater) m_stats.highWater = m_side.size();
+            if (m_woken || (m_options.flushMs != 0 && m_side.size() < m_cap / 4)) return true;
+            m_woken = true;
         }
     }
-    if (wake) m_wake.notify_one();
-    if (dropped) {
-        // The first drop and then each power of ten, so that a long stall
-        // does not flood the log.
-        if (PowerOfTen(dropped))
-            Log("journal queue full: " + std::to_string(dropped) + " entries dropped so far (queue " +
-                std::to_string(m_options.queueBytes) + " bytes)");
-        return false;
+    m_wake.notify_one();
+    return full ? Dropped(need) : true;
+}
+
+bool JournalWriter::Dropped(size_t bytes) {
+    const uint64_t dropped = m_queueDropped.fetch_add(1, std::memory_order_relaxed) + 1;
+    m_queueDroppedBytes.fetch_add(bytes, std::memory_order_relaxed);
+    // The first drop and then each power of ten, so that a long stall does
+    // not flood the log.
+    if (PowerOfTen(dropped))
+        Log("journal queue full: " + std::to_string(dropped) + " entries dropped so far (queue " +
+            std::to_string(m_options.queueBytes) + " bytes)");
+    return false;
+}
+
+void JournalWriter::Wake() {
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_woken = true;
     }
-    return true;
+    m_wake.notify_one();
 }
 
 void JournalWriter::SetTradingDay(const std::string& day) {
     if (day.empty()) return;
+    char text[8] = {0};
+    std::memcpy(text, day.data(), day.size() < 8 ? day.size() : 8);
     {
         std::lock_guard<std::mutex> lock(m_lock);
-        if (!m_started || m_stop || day == m_lastDay) return;
-        if (m_used + kEntryHeadSize + 8 > m_half) {
-            ++m_stats.dropped;
-            return;
-        }
+        if (!m_open.load(std::memory_order_relaxed) || day == m_lastDay) return;
         m_lastDay = day;
-        char text[8] = {0};
-        std::memcpy(text, day.data(), day.size() < 8 ? day.size() : 8);
-        unsigned char* p = m_buf.get() + m_used;
         EntryHead h;
         h.size = 8;
         h.kind = kDayMark;
-        EncodeEntryHead(h, p);
-        std::memcpy(p + kEntryHeadSize, text, 8);
-        m_used += kEntryHeadSize + 8;
+        if (m_owner.load(std::memory_order_relaxed) == ThreadToken()) {
+            // Between the owner's own entries, in the ring.
+            if (!AddToRing(kDayMark, 0, 0, text, 8, true)) return;
+        } else {
+            const size_t at = m_side.size();
+            m_side.resize(at + kEntryHeadSize + 8);
+            EncodeEntryHead(h, m_side.data() + at);
+            std::memcpy(m_side.data() + at + kEntryHeadSize, text, 8);
+            m_sideAt.emplace_back(m_published.load(std::memory_order_acquire), at);
+        }
         m_woken = true;
     }
     m_wake.notify_one();
@@ -200,21 +296,52 @@ void JournalWriter::Close() {
     {
         std::lock_guard<std::mutex> lock(m_lock);
         if (!m_started || m_stop) return;
+        m_open.store(false, std::memory_order_relaxed);
         m_stop = true;
     }
     m_wake.notify_one();
     m_thread.join();
+    // Entries published after the writer's last look: dropped, and counted.
+    uint64_t pos = m_consumed.load(std::memory_order_acquire);
+    const uint64_t end = m_published.load(std::memory_order_acquire);
+    while (pos < end) {
+        const size_t off = static_cast<size_t>(pos % m_cap);
+        uint32_t size;
+        std::memcpy(&size, m_ring.get() + off, 4);
+        if (size == kWrapMark) {
+            pos += m_cap - off;
+            continue;
+        }
+        const size_t length = Align8(kEntryHeadSize + size);
+        m_queueDropped.fetch_add(1, std::memory_order_relaxed);
+        m_queueDroppedBytes.fetch_add(length, std::memory_order_relaxed);
+        pos += length;
+    }
 }
 
 JournalWriter::Stats JournalWriter::GetStats() const {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_stats;
+    Stats s;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        s = m_stats;
+    }
+    s.dropped += m_queueDropped.load(std::memory_order_relaxed);
+    s.droppedBytes += m_queueDroppedBytes.load(std::memory_order_relaxed);
+    const uint64_t ring = m_ringHighWater.load(std::memory_order_relaxed);
+    if (ring > s.highWater) s.highWater = ring;
+    return s;
 }
 
 void JournalWriter::Run() {
+    std::vector<unsigned char> side;
+    std::vector<std::pair<uint64_t, size_t>> sideAt;
+    uint64_t pos = 0;   // what of the ring has been fed
+    constexpr size_t kOutBytes = 1u << 20;
+    m_out.resize(kOutBytes);
     for (;;) {
-        size_t used = 0;
         bool stop = false;
+        side.clear();
+        sideAt.clear();
         {
             std::unique_lock<std::mutex> lock(m_lock);
             if (m_options.flushMs > 0)
@@ -223,11 +350,19 @@ void JournalWriter::Run() {
                 m_wake.wait(lock, [&] { return m_woken || m_stop; });
             m_woken = false;
             stop = m_stop;
-            used = m_used;
-            m_used = 0;
-            m_buf.swap(m_spare);
+            side.swap(m_side);
+            sideAt.swap(m_sideAt);
         }
-        if (used) Process(m_spare.get(), used);
+        m_wakeAsked.store(false, std::memory_order_relaxed);
+        // Read after the side list was taken: at least every position an
+        // entry of it was marked with.
+        const uint64_t end = m_published.load(std::memory_order_acquire);
+        for (const auto& at : sideAt) {
+            FeedRing(&pos, at.first);
+            Feed(side.data() + at.second);
+        }
+        FeedRing(&pos, end);
+        EndBatch();
         if (stop) break;
     }
     // Entries that never saw a trading day go to today's file.
@@ -242,41 +377,60 @@ void JournalWriter::Run() {
     CloseFile();
 }
 
-// Seals the entries of one batch and writes them, switching files at day
-// marks.
-void JournalWriter::Process(unsigned char* data, size_t size) {
-    // The batch is transcoded into a small output buffer that is written
-    // whenever it fills: it stays in the cache, however large the batch.
-    constexpr size_t kOutBytes = 1u << 20;
-    if (m_out.size() < kOutBytes) m_out.resize(kOutBytes);
-    m_outUsed = 0;
-    size_t pos = 0;
-    uint64_t entries = 0;
-    while (pos < size) {
-        const EntryHead h = DecodeEntryHead(data + pos);
-        const size_t length = kEntryHeadSize + h.size;
-        if (h.kind == kDayMark) {
-            WriteRun(m_out.data(), m_outUsed, entries);
-            m_outUsed = 0;
-            entries = 0;
-            const std::string day(reinterpret_cast<const char*>(data + pos + kEntryHeadSize),
-                                  strnlen(reinterpret_cast<const char*>(data + pos + kEntryHeadSize), 8));
-            if (day != m_day) OpenDay(day);
-        } else {
-            // Room for the entry as it may come out (a depth delta adds a mask).
-            const size_t need = length + 8;
-            if (m_outUsed + need > m_out.size()) {
-                WriteRun(m_out.data(), m_outUsed, entries);
-                m_outUsed = 0;
-                entries = 0;
-                if (need > m_out.size()) m_out.resize(need);
-            }
-            Transcode(data + pos);
-            ++entries;
+void JournalWriter::FeedRing(uint64_t* pos, uint64_t end) {
+    // The ring's space is given back every megabyte or so, not only at the
+    // end of a long batch.
+    constexpr uint64_t kGiveBack = 1u << 20;
+    uint64_t given = *pos;
+    while (*pos < end) {
+        const size_t off = static_cast<size_t>(*pos % m_cap);
+        uint32_t size;
+        std::memcpy(&size, m_ring.get() + off, 4);
+        if (size == kWrapMark) {
+            *pos += m_cap - off;
+            continue;
         }
-        pos += length;
+        Feed(m_ring.get() + off);
+        *pos += Align8(kEntryHeadSize + size);
+        if (*pos - given >= kGiveBack) {
+            m_consumed.store(*pos, std::memory_order_release);
+            given = *pos;
+        }
     }
-    WriteRun(m_out.data(), m_outUsed, entries);
+    m_consumed.store(*pos, std::memory_order_release);
+}
+
+// Seals the stream's entries into a small output buffer that is written
+// whenever it fills (so it stays in the cache, however large the batch),
+// and switches files at day marks.
+void JournalWriter::Feed(const unsigned char* entry) {
+    const EntryHead h = DecodeEntryHead(entry);
+    const size_t length = kEntryHeadSize + h.size;
+    if (h.kind == kDayMark) {
+        WriteRun(m_out.data(), m_outUsed, m_outEntries);
+        m_outUsed = 0;
+        m_outEntries = 0;
+        const std::string day(reinterpret_cast<const char*>(entry + kEntryHeadSize),
+                              strnlen(reinterpret_cast<const char*>(entry + kEntryHeadSize), 8));
+        if (day != m_day) OpenDay(day);
+        return;
+    }
+    // Room for the entry as it may come out (a depth delta adds a mask).
+    const size_t need = length + 8;
+    if (m_outUsed + need > m_out.size()) {
+        WriteRun(m_out.data(), m_outUsed, m_outEntries);
+        m_outUsed = 0;
+        m_outEntries = 0;
+        if (need > m_out.size()) m_out.resize(need);
+    }
+    Transcode(entry);
+    ++m_outEntries;
+}
+
+void JournalWriter::EndBatch() {
+    WriteRun(m_out.data(), m_outUsed, m_outEntries);
+    m_outUsed = 0;
+    m_outEntries = 0;
     if (m_options.sync && m_fd >= 0) fdatasync(m_fd);
     timespec cpu{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);

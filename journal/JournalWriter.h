@@ -1,11 +1,20 @@
 // Writing journal files: a bounded queue in memory and a writer thread.
 //
-// Add() is called on the library's callback threads. It copies the entry
-// into the queue under a short lock and returns; it never touches the disk.
-// The writer thread takes the whole queue at a time, seals the entries
-// (their checks) and writes them to the current trading day's file. When
-// the queue is full an entry is dropped, counted and logged, never lost in
-// silence.
+// Add() is called on the library's callback threads and never touches the
+// disk. The thread that adds the first depth record owns the queue's ring:
+// its entries are copied into the ring and published with one ordinary
+// store, without a lock or any other locked instruction, so that the
+// library's worker pays for the copy and the clock and nothing else. Any
+// other thread's entries go to a side list under a lock, each marked with
+// the ring's position when it was added; the writer puts it back in the
+// stream there, so every thread's entries keep their order and an entry
+// added after another thread's (as the two threads saw it) is written
+// after it.
+//
+// The writer thread wakes every flushMs (or when the ring is half full),
+// seals the entries (their checks) and writes them to the current trading
+// day's file. When the ring is full an entry is dropped, counted and
+// logged, never lost in silence.
 //
 // Files: DIR/DAY.mdj, one per trading day, switched by SetTradingDay at the
 // point of the stream where it was called. Entries added before any trading
@@ -23,9 +32,13 @@
 // flushMs milliseconds (and sooner when the queue is half full). With sync,
 // every write is followed by fdatasync, for power loss; without it a killed
 // process loses only what had not reached the OS.
+//
+// Close() once the callbacks have stopped: whatever is added after it is
+// dropped and counted.
 #ifndef ORVEX_JOURNAL_WRITER_H
 #define ORVEX_JOURNAL_WRITER_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -44,7 +57,7 @@ class JournalWriter {
 public:
     struct Options {
         std::string dir = ".";
-        size_t queueBytes = 64u << 20;   // bound of what waits for the writer thread (touched at Start)
+        size_t queueBytes = 64u << 20;   // the ring: bound of what waits for the writer thread (touched at Start)
         int flushMs = 20;                // 0: every entry
         bool sync = false;               // fdatasync after every write
         std::string templatesText;       // written at the start of every new file
@@ -56,7 +69,7 @@ public:
         uint64_t bytes = 0;          // written to files, headers included
         uint64_t dropped = 0;        // entries dropped: queue full, write errors
         uint64_t droppedBytes = 0;
-        uint64_t highWater = 0;      // most bytes ever waiting in the queue
+        uint64_t highWater = 0;      // most bytes ever waiting in the ring or the side list
         uint64_t queueBytes = 0;     // the bound
         uint64_t files = 0;          // files opened
         uint64_t instruments = 0;    // distinct instruments of depth records in the current file
@@ -73,7 +86,8 @@ public:
 
     // Creates the directory when missing and starts the writer thread.
     bool Start(std::string* error);
-    // Any thread. False when the entry was dropped (queue full or too big).
+    // Any thread. False when the entry was dropped (queue full, too big, or
+    // the writer not running).
     bool Add(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size);
     // Any thread: entries added from now on belong to trading day `day`
     // (YYYYMMDD); a day other than the current one starts a new file.
@@ -84,8 +98,17 @@ public:
     Stats GetStats() const;
 
 private:
+    bool AddToRing(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size, bool mark);
+    bool AddToSide(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size);
+    bool Dropped(size_t bytes);
+    void Wake();
     void Run();
-    void Process(unsigned char* data, size_t size);
+    // The ring's entries from `*pos` up to `end`, in order.
+    void FeedRing(uint64_t* pos, uint64_t end);
+    // One entry of the stream: a day mark or an entry for the file.
+    void Feed(const unsigned char* entry);
+    // Writes what Feed gathered.
+    void EndBatch();
     // Appends one entry to m_out, a depth record as a delta when smaller.
     void Transcode(const unsigned char* entry);
     static uint64_t InstrumentKey(const unsigned char* depthRecord);
@@ -103,22 +126,38 @@ private:
     void Log(const std::string& line);
 
     Options m_options;
-    size_t m_half = 0;
+    size_t m_cap = 0;   // ring bytes, a multiple of 8
+
+    // The ring. Bytes [m_consumed, m_published) of its endless stream hold
+    // entries (at offsets modulo m_cap, each at a multiple of 8); the owner
+    // writes past m_published, the writer reads below it.
+    std::unique_ptr<unsigned char[]> m_ring;
+    std::atomic<uintptr_t> m_owner{0};      // the ring's producer thread (a token of it); 0: none yet
+    std::atomic<bool> m_open{false};        // between Start and Close
+    alignas(64) uint64_t m_head = 0;        // owner only: where the next entry goes
+    uint64_t m_consumedSeen = 0;            // owner only: m_consumed as last read
+    uint64_t m_ringHigh = 0;                // owner only
+    std::atomic<uint64_t> m_published{0};   // written by the owner
+    std::atomic<bool> m_wakeAsked{false};   // the owner asked for the writer (half full); the writer clears it
+    alignas(64) std::atomic<uint64_t> m_consumed{0};   // written by the writer thread
+    std::atomic<uint64_t> m_ringHighWater{0};
+    std::atomic<uint64_t> m_queueDropped{0};
+    std::atomic<uint64_t> m_queueDroppedBytes{0};
 
     // Shared with the callback threads, under m_lock.
     mutable std::mutex m_lock;
     std::condition_variable m_wake;
-    std::unique_ptr<unsigned char[]> m_buf;
-    size_t m_used = 0;
+    std::vector<unsigned char> m_side;   // entries of threads other than the owner
+    std::vector<std::pair<uint64_t, size_t>> m_sideAt;   // each one's ring position and offset in m_side
     bool m_woken = false;
     bool m_stop = false;
     Stats m_stats;
     std::string m_lastDay;   // of the last SetTradingDay
 
     // Writer thread only.
-    std::unique_ptr<unsigned char[]> m_spare;
     std::vector<unsigned char> m_out;     // the batch as written (m_outUsed bytes of it)
     size_t m_outUsed = 0;
+    uint64_t m_outEntries = 0;
     // Per file: instrument key -> slot + 1, open addressing (see SlotOf).
     std::vector<uint64_t> m_slotKeys;
     std::vector<uint16_t> m_slotIds;
