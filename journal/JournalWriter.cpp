@@ -135,6 +135,19 @@ constexpr size_t Align8(size_t n) { return (n + 7) & ~size_t{7}; }
 // goes on at its start.
 constexpr uint32_t kWrapMark = 0xFFFFFFFFu;
 
+// How far ahead of the entries the ring's lines are claimed: a few entries,
+// time enough for a line to come from memory.
+constexpr size_t kClaimAhead = 2048;
+
+// Asks for a cache line in order to write it.
+inline void ClaimLine(const unsigned char* p) {
+#if defined(__x86_64__)
+    asm volatile("prefetchw %0" : : "m"(*p));
+#else
+    __builtin_prefetch(p, 1, 3);
+#endif
+}
+
 // One per thread: its address tells the threads apart.
 inline uintptr_t ThreadToken() {
     static thread_local char token;
@@ -161,7 +174,7 @@ bool JournalWriter::AddToRing(uint16_t kind, uint16_t aux, int64_t time, const v
     const size_t need = Align8(kEntryHeadSize + size);
     if (!m_open.load(std::memory_order_relaxed) || size > kMaxPayload || need > m_cap / 4) return Dropped(need);
     uint64_t head = m_head;
-    size_t off = static_cast<size_t>(head % m_cap);
+    size_t off = m_headOff;
     // An entry never straddles the end: the rest is skipped.
     const size_t skip = off + need > m_cap ? m_cap - off : 0;
     // The last kMarkRoom bytes are for day marks only, so one always fits.
@@ -188,17 +201,19 @@ bool JournalWriter::AddToRing(uint16_t kind, uint16_t aux, int64_t time, const v
     h.aux = aux;
     h.time = time;
     EncodeEntryHead(h, p);
-    if (size) std::memcpy(p + kEntryHeadSize, payload, size);
+    if (size == sizeof(COrvexWiraDepthMarketDataField))
+        std::memcpy(p + kEntryHeadSize, payload, sizeof(COrvexWiraDepthMarketDataField));   // inline, no call
+    else if (size)
+        std::memcpy(p + kEntryHeadSize, payload, size);
     head += need;
     m_head = head;
+    m_headOff = off + need == m_cap ? 0 : off + need;
     m_published.store(head, std::memory_order_release);
-    {
-        // The ring's lines are cold (the writer read them last): those of
-        // an entry like this one are claimed now, while the caller goes on
-        // with its own work, rather than at the next copy.
-        const size_t next = off + need;
-        for (size_t o = 0; o < need && next + o < m_cap; o += 64) __builtin_prefetch(p + need + o, 1, 3);
-    }
+    // The ring's lines are cold (the writer read them last, long ago): those
+    // a few entries ahead are claimed for writing now, so that they are in
+    // the cache by the time an entry is copied there.
+    const size_t ahead = off + need + kClaimAhead;
+    for (size_t o = 0; o < need && ahead + o < m_cap; o += 64) ClaimLine(m_ring.get() + ahead + o);
     uint64_t used = head - m_consumedSeen;
     if (used > m_ringHigh || used >= m_cap / 2) {
         m_consumedSeen = m_consumed.load(std::memory_order_acquire);

@@ -135,6 +135,7 @@ private:
     std::atomic<uintptr_t> m_owner{0};      // the ring's producer thread (a token of it); 0: none yet
     std::atomic<bool> m_open{false};        // between Start and Close
     alignas(64) uint64_t m_head = 0;        // owner only: where the next entry goes
+    size_t m_headOff = 0;                   // owner only: m_head % m_cap
     uint64_t m_consumedSeen = 0;            // owner only: m_consumed as last read
     uint64_t m_ringHigh = 0;                // owner only
     std::atomic<uint64_t> m_published{0};   // written by the owner

@@ -413,6 +413,16 @@ TEST(JournalWriter, EntriesOfEverySizeSurviveManyLapsOfTheRing) {
         want.push_back({kind, kind == kDepth ? uint16_t{0} : aux, t, payload});
     };
     const std::vector<std::string> records = MovingRecords(3000);
+    // First entries that end exactly at the ring's end: a depth record, then
+    // templates of 8,448 bytes with their heads, then one that fills the rest.
+    const size_t ring = w.GetStats().queueBytes & ~size_t{7};
+    add(kDepth, 0, records[0]);
+    size_t at = 24 + 408;
+    while (ring - at > 2 * 8448) {
+        add(kTemplate, 7, std::string(8448 - 24, 'x'));
+        at += 8448;
+    }
+    add(kTemplate, 8, std::string(ring - at - 24, 'y'));
     for (size_t i = 0; i < records.size(); ++i) {
         add(kDepth, 0, records[i]);
         // Payloads of 0 to 3,000 bytes, none a whole number of words.
