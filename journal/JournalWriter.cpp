@@ -5,6 +5,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <emmintrin.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <chrono>
@@ -148,6 +150,16 @@ inline void ClaimLine(const unsigned char* p) {
 #endif
 }
 
+// A depth record's bytes, sixteen at a time in line: no call, and none of
+// the string instructions that cost more to start than this copy takes.
+inline void CopyDepthRecord(unsigned char* to, const unsigned char* from) {
+    constexpr size_t kSize = sizeof(COrvexWiraDepthMarketDataField);
+    size_t i = 0;
+    for (; i + 16 <= kSize; i += 16)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + i), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + i)));
+    for (; i < kSize; i += 8) std::memcpy(to + i, from + i, 8);
+}
+
 // One per thread: its address tells the threads apart.
 inline uintptr_t ThreadToken() {
     static thread_local char token;
@@ -202,7 +214,7 @@ bool JournalWriter::AddToRing(uint16_t kind, uint16_t aux, int64_t time, const v
     h.time = time;
     EncodeEntryHead(h, p);
     if (size == sizeof(COrvexWiraDepthMarketDataField))
-        std::memcpy(p + kEntryHeadSize, payload, sizeof(COrvexWiraDepthMarketDataField));   // inline, no call
+        CopyDepthRecord(p + kEntryHeadSize, static_cast<const unsigned char*>(payload));
     else if (size)
         std::memcpy(p + kEntryHeadSize, payload, size);
     head += need;
