@@ -351,7 +351,9 @@ JournalWriter::Stats JournalWriter::GetStats() const {
     {
         std::lock_guard<std::mutex> lock(m_lock);
         s = m_stats;
+        s.waiting = m_side.size();
     }
+    s.waiting += m_published.load(std::memory_order_acquire) - m_consumed.load(std::memory_order_acquire);
     s.dropped += m_queueDropped.load(std::memory_order_relaxed);
     s.droppedBytes += m_queueDroppedBytes.load(std::memory_order_relaxed);
     const uint64_t ring = m_ringHighWater.load(std::memory_order_relaxed);

@@ -70,6 +70,7 @@ public:
         uint64_t dropped = 0;        // entries dropped: queue full, write errors
         uint64_t droppedBytes = 0;
         uint64_t highWater = 0;      // most bytes ever waiting in the ring or the side list
+        uint64_t waiting = 0;        // bytes waiting now
         uint64_t queueBytes = 0;     // the bound
         uint64_t files = 0;          // files opened
         uint64_t instruments = 0;    // distinct instruments of depth records in the current file

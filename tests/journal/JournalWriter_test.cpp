@@ -495,6 +495,23 @@ TEST(JournalWriter, OtherThreadsEntriesAndDaysKeepTheirPlaceInTheStream) {
     }
 }
 
+TEST(JournalWriter, WaitingBytesAreWhatTheWriterHasNotTaken) {
+    ScopedTempDir tmp;
+    JournalWriter::Options o = Quiet("j");
+    o.flushMs = 60000;   // the writer waits for Close
+    JournalWriter w(o);
+    ASSERT_TRUE(w.Start(nullptr));
+    const std::string d = DepthBytes(1);
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(w.Add(kDepth, 0, i, d.data(), 408));
+    std::thread other([&] { ASSERT_TRUE(w.Add(kLinked, 0, 10, nullptr, 0)); });
+    other.join();
+    EXPECT_EQ(10u * 432 + 24, w.GetStats().waiting);
+    w.SetTradingDay("20250102");
+    w.Close();
+    EXPECT_EQ(0u, w.GetStats().waiting);
+    EXPECT_EQ(11u, ReadJournal("j/20250102.mdj").size());
+}
+
 TEST(JournalWriter, EntriesAfterCloseAreRefusedAndCounted) {
     ScopedTempDir tmp;
     JournalWriter w(Quiet("j"));
