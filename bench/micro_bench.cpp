@@ -20,6 +20,8 @@
 #include "codec/PackageDecoder.h"
 #include "dc/MdEngine.h"
 #include "dc/FrameCutter.h"
+#include "journal/JournalSpi.h"
+#include "journal/JournalWriter.h"
 #include "protocol/DcFrames.h"
 #include "protocol/QuoteBodies.h"
 #include "support/FakeEngineHost.h"
@@ -311,6 +313,55 @@ void BM_DecodeFieldData(benchmark::State& state) {
     state.counters["fields"] = fields;
 }
 BENCHMARK(BM_DecodeFieldData);
+
+// ---- the recorder on the library's thread ----
+
+// What md-record adds to every depth callback: the receive time and the
+// copy into the writer's queue, with the writer thread running. Records of
+// 1,000 instruments in turn, each with a moving price and volume.
+void BM_JournalDepthCallback(benchmark::State& state) {
+    struct Journal final : orvex::journal::JournalSpi {
+        using JournalSpi::JournalSpi;
+    };
+    orvex::journal::JournalWriter::Options o;
+    o.dir = "journal";
+    o.queueBytes = size_t{256} << 20;
+    o.log = [](const std::string&) {};
+    orvex::journal::JournalWriter writer(o);
+    if (!writer.Start(nullptr)) {
+        state.SkipWithError("journal writer did not start");
+        return;
+    }
+    Journal spi(&writer, {});
+    std::vector<COrvexWiraDepthMarketDataField> book(1000);
+    for (size_t k = 0; k < book.size(); ++k) {
+        COrvexWiraDepthMarketDataField& b = book[k];
+        std::memset(&b, 0, sizeof(b));
+        std::strcpy(b.TradingDay, "20250102");
+        std::strcpy(b.ExchangeID, "SHFE");
+        std::snprintf(b.InstrumentID, sizeof(b.InstrumentID), "cu%04u", static_cast<unsigned>(k));
+        b.LastPrice = 70000 + static_cast<double>(k);
+    }
+    size_t i = 0;
+    for (auto _ : state) {
+        COrvexWiraDepthMarketDataField& d = book[i++ % book.size()];
+        d.LastPrice += 10;
+        d.Volume += 1;
+        spi.OnDepthMarketData(&d);
+        if ((i & 0xFFFF) == 0) {
+            // No feed is this fast for long: the writer catches up, untimed,
+            // so that every call measured is one that the queue takes.
+            state.PauseTiming();
+            while (writer.GetStats().waiting > 0) usleep(200);
+            state.ResumeTiming();
+        }
+    }
+    writer.Close();
+    const orvex::journal::JournalWriter::Stats s = writer.GetStats();
+    state.SetItemsProcessed(state.iterations());
+    state.counters["dropped"] = static_cast<double>(s.dropped);
+}
+BENCHMARK(BM_JournalDepthCallback);
 
 }  // namespace
 
