@@ -1,6 +1,7 @@
 #include "journal/JournalWriter.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -104,6 +105,10 @@ JournalWriter::JournalWriter(Options options) : m_options(std::move(options)) {
 
 JournalWriter::~JournalWriter() { Close(); }
 
+void JournalWriter::RingMemory::operator()(unsigned char* p) const {
+    if (p) munmap(p, bytes);
+}
+
 void JournalWriter::Log(const std::string& line) {
     if (m_options.log) m_options.log(line);
     else std::fprintf(stderr, "%s\n", line.c_str());
@@ -120,7 +125,22 @@ bool JournalWriter::Start(std::string* error) {
         if (error) *error = m_options.dir + ": not a directory";
         return false;
     }
-    m_ring.reset(new unsigned char[m_cap]);
+    {
+        // Mapped whole and in huge pages where the system allows it: the
+        // library's thread streams through the ring, and a 4 KB page
+        // would cost it a page walk every ten depth records.
+        constexpr size_t kHuge = size_t{2} << 20;
+        const size_t bytes = (m_cap + kHuge - 1) / kHuge * kHuge;
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) {
+            if (error) *error = std::string("journal queue: ") + std::strerror(errno);
+            return false;
+        }
+#ifdef MADV_HUGEPAGE
+        madvise(p, bytes, MADV_HUGEPAGE);
+#endif
+        m_ring = std::unique_ptr<unsigned char[], RingMemory>(static_cast<unsigned char*>(p), RingMemory{bytes});
+    }
     // Every page of the ring is touched now, so that the library's thread
     // never takes a page fault (a page cleared by the kernel) in a callback.
     std::memset(m_ring.get(), 0, m_cap);

@@ -132,7 +132,11 @@ private:
     // The ring. Bytes [m_consumed, m_published) of its endless stream hold
     // entries (at offsets modulo m_cap, each at a multiple of 8); the owner
     // writes past m_published, the writer reads below it.
-    std::unique_ptr<unsigned char[]> m_ring;
+    struct RingMemory {
+        void operator()(unsigned char* p) const;
+        size_t bytes;
+    };
+    std::unique_ptr<unsigned char[], RingMemory> m_ring{nullptr, RingMemory{0}};
     std::atomic<uintptr_t> m_owner{0};      // the ring's producer thread (a token of it); 0: none yet
     std::atomic<bool> m_open{false};        // between Start and Close
     alignas(64) uint64_t m_head = 0;        // owner only: where the next entry goes
