@@ -16,10 +16,11 @@
 // section to FILE.
 //
 // Options: --seconds S (each fixed-rate run, default 4), --full-rows N and
-// --full-rounds R (full speed: R rounds of N rows per receiver, default 5
+// --full-rounds R (full speed: R rounds of N rows per receiver, default 11
 // of 1000000), --rates A,B,C (default 10000,50000,100000; empty: full
 // speed only), --idle-seconds S (default 5), --trials N (snapshot loads
 // per size, default 3), --no-reconnect, --quick.
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -54,7 +55,7 @@ namespace {
 struct Options {
     double seconds = 4;
     uint64_t fullRows = 1000000;   // per full-speed round
-    int fullRounds = 5;
+    int fullRounds = 11;
     std::vector<double> rates = {10000, 50000, 100000};
     double idleSeconds = 5;
     int trials = 3;
@@ -486,9 +487,15 @@ int main(int argc, char** argv) {
             journalRuns.push_back(
                 RunStream(journalBlaster, journalRecorder, journalTid, stream, 0, 60, opt.fullRows, &nextSeq));
             journalLibRuns.push_back(l.back());
-            // The writer's backlog is worked off before the next round, so
-            // that it falls on no other receiver's run.
+            // The writer's backlog is worked off, and the file system's
+            // write-back of it done, before the next round, so that neither
+            // falls on another receiver's run.
             WaitUntil([&] { return journalWriter.GetStats().waiting == 0; }, 60000);
+            const int dirFd = open(journalOptions.dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (dirFd >= 0) {
+                syncfs(dirFd);
+                close(dirFd);
+            }
             journalLost += journalRuns.back().sent.rows - std::min(journalRuns.back().sent.rows, journalRuns.back().delivered);
         }
         baseRuns.push_back(median(b));
