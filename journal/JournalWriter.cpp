@@ -605,11 +605,13 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
         m_earlyEntries += entries;
         return;
     }
-    if (WriteAll(data, size)) {
+    if ((m_fileHead.empty() || WriteFileHead()) && WriteAll(data, size)) {
+        m_fileEnd += size;
         std::lock_guard<std::mutex> lock(m_lock);
         m_stats.entries += entries;
         m_stats.bytes += size;
     } else {
+        CutToFileEnd();
         LoseFileBases();
         bool first;
         {
@@ -620,6 +622,23 @@ void JournalWriter::WriteRun(const unsigned char* data, size_t size, uint64_t en
         }
         if (first) Log("journal: cannot write " + m_stats.file + ": " + std::strerror(errno) + "; entries are dropped");
     }
+}
+
+bool JournalWriter::WriteFileHead() {
+    if (!WriteAll(m_fileHead.data(), m_fileHead.size())) return false;
+    m_fileEnd = m_fileHead.size();
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_stats.bytes += m_fileHead.size();
+    m_stats.entries += m_fileHeadEntries;
+    m_fileHead.clear();
+    return true;
+}
+
+void JournalWriter::CutToFileEnd() {
+    // A write that failed part of the way (a full disk) leaves part of an
+    // entry, and every later entry would sit behind it, out of a reader's
+    // reach: the file goes back to its last whole write.
+    if (ftruncate(m_fd, static_cast<off_t>(m_fileEnd)) == 0) lseek(m_fd, static_cast<off_t>(m_fileEnd), SEEK_SET);
 }
 
 void JournalWriter::LoseFileBases() {
@@ -642,6 +661,7 @@ bool JournalWriter::WriteAll(const unsigned char* data, size_t size) {
 }
 
 void JournalWriter::CloseFile() {
+    m_fileHead.clear();
     if (m_fd >= 0) {
         if (m_options.sync) fdatasync(m_fd);
         ::close(m_fd);
@@ -685,6 +705,8 @@ void JournalWriter::OpenDay(const std::string& day) {
             }
             lseek(fd, static_cast<off_t>(end), SEEK_SET);
             m_fd = fd;
+            m_fileEnd = end;
+            m_fileHead.clear();
             Log("journal: appending to " + path + " at offset " + std::to_string(end));
         } else {
             const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -693,30 +715,31 @@ void JournalWriter::OpenDay(const std::string& day) {
                 continue;
             }
             m_fd = fd;
+            m_fileEnd = 0;
+            // The header (and the templates) go first; until they are
+            // written whole, nothing else is.
             FileHeader header;
             std::snprintf(header.tradingDay, sizeof(header.tradingDay), "%s", day.c_str());
             header.startTime = WallNanos();
-            unsigned char head[kHeaderSize];
-            EncodeHeader(header, head);
-            bool ok = WriteAll(head, sizeof(head));
-            uint64_t bytes = sizeof(head), entries = 0;
-            if (ok && !m_options.templatesText.empty() && m_options.templatesText.size() <= kMaxPayload) {
-                std::vector<unsigned char> entry(kEntryHeadSize + m_options.templatesText.size());
+            m_fileHead.assign(kHeaderSize, 0);
+            EncodeHeader(header, m_fileHead.data());
+            m_fileHeadEntries = 0;
+            if (!m_options.templatesText.empty() && m_options.templatesText.size() <= kMaxPayload) {
+                const size_t at = m_fileHead.size();
+                m_fileHead.resize(at + kEntryHeadSize + m_options.templatesText.size());
                 EntryHead h;
                 h.size = static_cast<uint32_t>(m_options.templatesText.size());
                 h.kind = kTemplates;
                 h.time = header.startTime;
-                EncodeEntryHead(h, entry.data());
-                std::memcpy(entry.data() + kEntryHeadSize, m_options.templatesText.data(), h.size);
-                SealEntry(entry.data());
-                ok = WriteAll(entry.data(), entry.size());
-                bytes += entry.size();
-                entries = 1;
+                EncodeEntryHead(h, m_fileHead.data() + at);
+                std::memcpy(m_fileHead.data() + at + kEntryHeadSize, m_options.templatesText.data(), h.size);
+                SealEntry(m_fileHead.data() + at);
+                m_fileHeadEntries = 1;
             }
-            if (!ok) Log("journal: cannot write " + path + ": " + std::strerror(errno));
-            std::lock_guard<std::mutex> lock(m_lock);
-            m_stats.bytes += bytes;
-            m_stats.entries += entries;
+            if (!WriteFileHead()) {
+                Log("journal: cannot write " + path + ": " + std::strerror(errno));
+                CutToFileEnd();
+            }
         }
     }
     if (m_fd < 0) {

@@ -124,6 +124,10 @@ private:
     void OpenDay(const std::string& day);
     void CloseFile();
     bool WriteAll(const unsigned char* data, size_t size);
+    // Writes m_fileHead; false when it could not be written whole.
+    bool WriteFileHead();
+    // Cuts the file back to m_fileEnd after a failed write.
+    void CutToFileEnd();
     void Log(const std::string& line);
 
     Options m_options;
@@ -172,6 +176,9 @@ private:
     uint64_t m_earlyEntries = 0;
     std::string m_day;
     int m_fd = -1;
+    uint64_t m_fileEnd = 0;                  // the file's length up to its last whole write
+    std::vector<unsigned char> m_fileHead;   // a new file's header and templates, until written
+    uint64_t m_fileHeadEntries = 0;
     std::thread m_thread;
     bool m_started = false;
 };

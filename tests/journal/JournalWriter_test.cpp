@@ -3,6 +3,10 @@
 // last whole entry and cut before appending, a full queue is counted, and a
 // journal of another format version is refused with a clear message.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -702,6 +706,65 @@ TEST(JournalWriter, WriteErrorsAreCountedAsDrops) {
     for (const std::string& line : log) said += line.find("cannot write") != std::string::npos;
     EXPECT_GE(said, 1u);
     EXPECT_LE(said, 2u);   // the header, then the first lost batch: not a line per batch
+}
+
+// A disk that fills up cuts a write part of the way through an entry. The
+// file goes back to its last whole write, so that the entries written once
+// there is room again are read after it, not lost behind a torn entry.
+// (The file size limit plays the full disk, in a child process.)
+TEST(JournalWriter, AWriteCutShortLeavesNoTornEntryBeforeLaterOnes) {
+    ScopedTempDir tmp;
+    const std::vector<std::string> records = MovingRecords(4000);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        const rlim_t hard = limit.rlim_max;
+        limit.rlim_cur = 100001;   // in the middle of some entry
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(10);
+        JournalWriter::Options o;
+        o.dir = "j";
+        o.flushMs = 1;
+        o.log = [](const std::string&) {};
+        JournalWriter w(o);
+        if (!w.Start(nullptr)) _exit(11);
+        w.SetTradingDay("20250102");
+        size_t i = 0;
+        for (; i < 2000; ++i) {
+            w.Add(kDepth, 0, static_cast<int64_t>(i), records[i].data(), 408);
+            if (i % 50 == 0) usleep(2000);
+        }
+        for (int k = 0; k < 2000 && w.GetStats().waiting > 0; ++k) usleep(1000);
+        if (w.GetStats().writeErrors == 0) _exit(12);
+        limit.rlim_cur = hard;   // room again
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(13);
+        for (; i < records.size(); ++i) w.Add(kDepth, 0, static_cast<int64_t>(i), records[i].data(), 408);
+        w.Close();
+        FILE* f = std::fopen("dropped", "w");
+        std::fprintf(f, "%llu\n", static_cast<unsigned long long>(w.GetStats().dropped));
+        std::fclose(f);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(0, WEXITSTATUS(status));
+    unsigned long long dropped = 0;
+    FILE* f = std::fopen("dropped", "r");
+    ASSERT_NE(nullptr, f);
+    ASSERT_EQ(1, std::fscanf(f, "%llu", &dropped));
+    std::fclose(f);
+    uint64_t torn = 99;
+    std::string error;
+    const std::vector<OwnedEntry> got = ReadJournal("j/20250102.mdj", &torn, &error);
+    EXPECT_EQ(0u, torn) << error;
+    EXPECT_GT(dropped, 0u);
+    EXPECT_EQ(records.size() - dropped, got.size());
+    ExpectEachIsTheRecordOfItsTime(records, got);
+    ASSERT_FALSE(got.empty());
+    EXPECT_EQ(static_cast<int64_t>(records.size()) - 1, got.back().time);   // read to the very end
 }
 
 TEST(JournalWriter, StartFailsOnAPathThatIsNotADirectory) {
