@@ -1,5 +1,7 @@
 #include "dc/DCThread.h"
 
+#include <sys/socket.h>
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -72,6 +74,7 @@ CDCThread::~CDCThread() {
     Wake();
     m_thread.StopThread();
     Reset(kReasonServerClosed);
+    CloseRetired();
     for (CQXSFThread* worker : m_qxsfWorkers) worker->Release();
     m_qxsfWorkers.clear();
     if (m_bAbnormalEnd && m_bLog) DumpLog("AbNormal Terminate Thread");
@@ -155,7 +158,12 @@ bool CDCThread::CloseLocked() {
     int64_t sock = m_socket.exchange(-1);
     const bool wasOpen = sock != -1;
     if (wasOpen) {
-        if (sock >= 0) close(static_cast<int>(sock));
+        if (sock >= 0) {
+            // The peer sees the end now, and the worker's wait returns.
+            shutdown(static_cast<int>(sock), SHUT_RDWR);
+            m_retired.push_back(static_cast<int>(sock));
+            m_hasRetired.store(true);
+        }
         Wake();
         if (!m_bLoginAnswered && m_fronts.size() > 1 && m_nCurrentFront >= 0 &&
             m_nCurrentFront < static_cast<int>(m_fronts.size())) {
@@ -172,6 +180,17 @@ bool CDCThread::CloseLocked() {
         access.savedAllAccess = false;
     });
     return wasOpen;
+}
+
+void CDCThread::CloseRetired() {
+    if (!m_hasRetired.load()) return;
+    std::vector<int> retired;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_sendLock);
+        retired.swap(m_retired);
+        m_hasRetired.store(false);
+    }
+    for (int fd : retired) close(fd);
 }
 
 void CDCThread::ReportLost(int reason) {

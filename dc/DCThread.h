@@ -155,9 +155,16 @@ private:
     // Builds "@", command*2, length, body in a per-call buffer and sends it
     // under the send lock; a failed send resets with reason 4098.
     int SendFrame(int command, const void* body, int length);
-    // Closes the socket and clears the connection state; the caller holds
-    // the send lock. True when a connection was open (to be reported).
+    // Ends the connection and clears its state; the caller holds the send
+    // lock. True when a connection was open (to be reported). The socket is
+    // shut down at once but closed only by CloseRetired, on the worker or
+    // after it stopped: the worker may be waiting on or receiving from the
+    // descriptor at that moment, and a number closed under it could be
+    // handed to another of the process's files and read by it.
     bool CloseLocked();
+    // Closes the sockets CloseLocked retired. Worker thread, or any thread
+    // once the worker has stopped.
+    void CloseRetired();
     // Reports a loss outside every lock.
     void ReportLost(int reason);
     void CheckQryInstrument();
@@ -190,6 +197,8 @@ private:
     std::vector<_FrontInfo> m_fronts;   // guarded by the send lock once running
     int m_nCurrentFront = -1;           // guarded by the send lock
     std::atomic<int64_t> m_socket{-1};
+    std::vector<int> m_retired;           // shut-down sockets to close (send lock)
+    std::atomic<bool> m_hasRetired{false};
     std::atomic<bool> m_bLoginSent{false};
     std::atomic<bool> m_bLoginAnswered{false};
     // Copy of the caller's login request (188 bytes), guarded by the send

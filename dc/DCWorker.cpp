@@ -85,6 +85,9 @@ void CDCThread::WorkLoop() {
     LocalClock localClock;
 
     while (m_bRunning) {
+        // Sockets a reset ended, possibly on the caller's thread: no wait
+        // or receive of this thread uses them any more.
+        CloseRetired();
         try {
             if (IsConnected()) {
                 int today, now;
@@ -163,6 +166,7 @@ void CDCThread::WorkLoop() {
 
     m_bAbnormalEnd = false;
     Reset(kReasonServerClosed);
+    CloseRetired();
 }
 
 void CDCThread::Connect() {

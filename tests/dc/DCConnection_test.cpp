@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -401,6 +402,48 @@ TEST(DCSend, FailedSendResetsWith4098) {
     COrvexWiraReqUserLoginField req = MakeLogin();
     EXPECT_EQ(-1, api.ReqUserLogin(&req, 1));
     EXPECT_EQ((std::vector<int>{4098, 4098}), spi.Copy(spi.lost));
+}
+
+// A reset on the caller's thread (a failed send) must not close the socket
+// under the worker, which may be waiting on it or receiving from it: the
+// number could go to another file of the process and the worker would read
+// that. The peer sees the end at once; the worker closes the descriptor on
+// its next pass, or the object does once the worker is gone.
+TEST(DCSend, ACallersResetLeavesTheDescriptorToTheWorker) {
+    ScopedTempDir dir;
+    auto open = [](int fd) { return fcntl(fd, F_GETFD) != -1; };
+    RecordingSpi spi;
+    int pair[2];
+    {
+        CDCThread api("", false);
+        api.RegisterSpi(&spi);
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+        api.AttachSocketForTest(pair[0]);
+        ASSERT_EQ(0, shutdown(pair[1], SHUT_RD));   // sends to it fail
+        EXPECT_EQ(0, api.ReqMarketStatus(0));
+        EXPECT_EQ(std::vector<int>{4098}, spi.Copy(spi.lost));
+        EXPECT_TRUE(open(pair[0]));   // no worker has let go of it yet
+        char c;
+        EXPECT_EQ(0, recv(pair[1], &c, 1, 0));   // the peer has seen the end
+    }
+    EXPECT_FALSE(open(pair[0]));
+    close(pair[1]);
+
+    // With the worker running and waiting on the socket.
+    CDCThread api("", false);
+    api.RegisterSpi(&spi);
+    api.Init();
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+    api.AttachSocketForTest(pair[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(0, shutdown(pair[1], SHUT_RD));
+    EXPECT_EQ(0, api.ReqMarketStatus(0));
+    for (int i = 0; i < 200 && open(pair[0]); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_FALSE(open(pair[0]));
+    // One loss for the second socket, whichever thread ended it first (the
+    // worker's once-a-day reconnect may take an attached socket too).
+    EXPECT_EQ(2u, spi.Copy(spi.lost).size());
+    close(pair[1]);
 }
 
 TEST(DCHandles, WrapAndLookUp) {
