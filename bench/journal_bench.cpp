@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "BenchUtil.h"
+#include "DepthBook.h"
 #include "OrvexWiraMdReplay.h"
 #include "journal/JournalReader.h"
 #include "journal/JournalWriter.h"
@@ -30,13 +31,6 @@ namespace {
 
 using namespace orvex_bench;
 using namespace orvex::journal;
-
-// Level `level` (0-4) of the book side whose first field is at `first`.
-template <typename T>
-void SetLevel(COrvexWiraDepthMarketDataField* d, size_t first, int level, T value) {
-    constexpr size_t kStride = offsetof(COrvexWiraDepthMarketDataField, BidPrice2) - offsetof(COrvexWiraDepthMarketDataField, BidPrice1);
-    std::memcpy(reinterpret_cast<char*>(d) + first + kStride * static_cast<size_t>(level), &value, sizeof(T));
-}
 
 class CountingSpi : public COrvexWiraMdSpi {
 public:
@@ -86,21 +80,7 @@ int main(int argc, char** argv) {
     // A market of 1,000 instruments ticking in turn: each tick moves what a
     // real one moves (time, last price, volume, turnover, open interest and
     // a few levels of the book), so that the deltas are of a real size.
-    std::vector<COrvexWiraDepthMarketDataField> book(1000);
-    for (size_t k = 0; k < book.size(); ++k) {
-        COrvexWiraDepthMarketDataField& b = book[k];
-        std::memset(&b, 0, sizeof(b));
-        std::strcpy(b.TradingDay, "20250102");
-        std::strcpy(b.ExchangeID, "SHFE");
-        std::snprintf(b.InstrumentID, sizeof(b.InstrumentID), "cu%04u", static_cast<unsigned>(k));
-        std::strcpy(b.UpdateTime, "10:15:03");
-        b.LastPrice = 70000 + static_cast<double>(k);
-        b.PreSettlementPrice = b.OpenPrice = b.HighestPrice = b.LowestPrice = b.LastPrice;
-        for (int level = 0; level < 5; ++level) {
-            SetLevel<double>(&b, offsetof(COrvexWiraDepthMarketDataField, BidPrice1), level, b.LastPrice - 10 * (level + 1));
-            SetLevel<double>(&b, offsetof(COrvexWiraDepthMarketDataField, AskPrice1), level, b.LastPrice + 10 * (level + 1));
-        }
-    }
+    std::vector<COrvexWiraDepthMarketDataField> book = DepthBook(1000);
     uint32_t lcg = 12345;
     auto rnd = [&lcg] { return (lcg = lcg * 1664525u + 1013904223u) >> 8; };
     const int64_t start = NowNs();

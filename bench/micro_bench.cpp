@@ -16,6 +16,7 @@
 
 #include "BenchMarket.h"
 #include "BenchUtil.h"
+#include "DepthBook.h"
 #include "codec/DataPackage.h"
 #include "codec/PackageDecoder.h"
 #include "dc/MdEngine.h"
@@ -333,15 +334,7 @@ void BM_JournalDepthCallback(benchmark::State& state) {
         return;
     }
     Journal spi(&writer, {});
-    std::vector<COrvexWiraDepthMarketDataField> book(1000);
-    for (size_t k = 0; k < book.size(); ++k) {
-        COrvexWiraDepthMarketDataField& b = book[k];
-        std::memset(&b, 0, sizeof(b));
-        std::strcpy(b.TradingDay, "20250102");
-        std::strcpy(b.ExchangeID, "SHFE");
-        std::snprintf(b.InstrumentID, sizeof(b.InstrumentID), "cu%04u", static_cast<unsigned>(k));
-        b.LastPrice = 70000 + static_cast<double>(k);
-    }
+    std::vector<COrvexWiraDepthMarketDataField> book = DepthBook(1000);
     size_t i = 0;
     for (auto _ : state) {
         COrvexWiraDepthMarketDataField& d = book[i++ % book.size()];
