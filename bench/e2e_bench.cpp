@@ -61,7 +61,7 @@ struct Options {
     int trials = 3;
     bool reconnect = true;
     std::string markdown;
-    double pacedSeconds = 4;   // each paced run; 0: none
+    double pacedSeconds = 8;   // each paced run; 0: none
     std::string latencyDir;    // where the paced runs' latency curves go
     std::string journalDir;    // where the recording runs write their journal (default: the scratch directory)
 };
@@ -212,7 +212,7 @@ RunResult RunStream(Blaster& blaster, DeliveryRecorder& recorder, int receiverTi
 // One frame every 100 µs carrying rate / 10,000 rows.
 constexpr int64_t kTickNs = 100000;
 // A paced measurement is this many slices of each receiver, alternating.
-constexpr int kPacedSlices = 4;
+constexpr int kPacedSlices = 8;
 
 RunResult RunPaced(Blaster& blaster, DeliveryRecorder& recorder, int receiverTid, const PushStream& stream,
                    double rate, double seconds, uint64_t* nextSeq) {
@@ -502,6 +502,10 @@ int main(int argc, char** argv) {
         libRuns.push_back(median(l));
     }
     baseline.Stop();
+    // The recording client has done its part: gone, it wakes nobody during
+    // the paced runs (its writer's flush timer, its worker's time-outs).
+    journalClient.reset();   // its last callbacks are queued before the writer drains
+    journalWriter.Close();
 
     // ---- paced: one frame every 100 µs, against the barest receiver ----
     struct PacedRun {
@@ -679,8 +683,6 @@ int main(int argc, char** argv) {
 
     // ---- recording ----
     {
-        journalClient.reset();   // its last callbacks are queued before the writer drains
-        journalWriter.Close();
         const orvex::journal::JournalWriter::Stats js = journalWriter.GetStats();
         std::vector<double> ratios;
         for (size_t i = 0; i < journalRuns.size(); ++i)

@@ -255,8 +255,21 @@ Single pairs of p99 ranged from −155 to +271 µs in one cell, far wider than
 any difference in the table: the p99 gap is set by where the scheduler puts
 the two threads of the moment, not by the library. The medians of p50 and
 CPU, which are steadier, moved the right way. Since then the benchmark
-alternates the two receivers in four slices each and pools them, so that
-the machine's other load falls on both alike.
+alternates the two receivers in slices (now eight of a second each) and
+pools them, so that the machine's other load falls on both alike.
+
+What makes a p99 here: the rows' latencies in arrival order (dumped from
+one run) show the slow rows in bursts, not spread out. Some last 1-6 ms
+with latencies of 0.2-3.5 ms (the receiving thread did not run), one lasted
+49 ms (493 rows all over 150 µs, in one library slice), and short ones
+recurred every 20.1 ms or a multiple of it, in the bare loop's slices as
+well as the library's: the flush timer of the recording client's writer,
+idle but still connected then. At 10,000 rows/s a slice of 4 s has 40,000
+rows, so one 49 ms burst alone is more than 1% of them: a p99 from such a
+run says which receiver the machine's burst fell on. The recording client
+is now released before the paced runs, and each receiver's eight slices
+add up to 8 s a cell, so that a burst is a smaller share and falls on both
+more evenly.
 
 Where the time of a pass goes (the old code):
 - One poll() and one recv() per pass, no other system call (the clock is
