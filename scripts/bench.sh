@@ -385,9 +385,11 @@ started while the writer was still working off the journal run's backlog
 Both fell on the next round's baseline run, which made the baseline slower
 and the library's ratio look better than it is: pages before this one show
 0.60 and above. The benchmark now waits until the writer's queue is empty
-and syncs the journal's file system between rounds, and takes 11 rounds
-instead of 5. Measured that way, the library's full-speed ratio on this
-machine is 0.52-0.73 over nine runs (median about 0.58), against 0.6
+and syncs the journal's file system between rounds, takes 11 rounds
+instead of 5, and runs every other round in the opposite order (so that
+neither receiver always comes first after the quiet of the drain).
+Measured that way, the library's full-speed ratio on this machine was
+0.49-0.64 in the sixteen runs since (median about 0.57), against 0.6
 targeted: the library is not slower than before, the baseline is measured
 without the recorder's leftovers. (Writing the journal to memory instead of
 the disk, for comparison, gave 0.55-0.56 and recording ratios of
