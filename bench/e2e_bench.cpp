@@ -19,7 +19,10 @@
 // --full-rounds R (full speed: R rounds of N rows per receiver, default 11
 // of 1000000), --rates A,B,C (default 10000,50000,100000; empty: full
 // speed only), --idle-seconds S (default 5), --trials N (snapshot loads
-// per size, default 3), --no-reconnect, --quick.
+// per size, default 3), --paced-seconds S (each paced cell per receiver,
+// default 8; 0: none), --latency-dir DIR, --journal-dir DIR (where the
+// recording runs write; default the scratch directory), --no-reconnect,
+// --quick.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
