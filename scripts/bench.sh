@@ -376,6 +376,15 @@ a record is half the file system's copy of what it writes. The ratio's
 median over runs is about 0.76 on this machine, single rounds from 0.5 to
 1.0: the 0.8 target is met in some runs, not reliably.
 
+The loopback amplifies the recorder's cost. A receiver that falls behind
+the sender closes its receive window, and from then on every receive's
+window update makes the kernel run the sender's pending transmissions on
+the receiver's CPU (see "Where the time goes"): the worker flips from about
+115-125 to about 170-185 ns a row. The journal's extra 25-40 ns push the
+library into that mode more often, and in it the journal costs more too
+(in the committed run: 42 ns extra a row in the fastest round, 70-75 ns in
+the slow ones).
+
 ## A flaw in the benchmark, found and fixed
 
 Until this version, each full-speed round ran the baseline, the library and
