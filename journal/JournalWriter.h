@@ -21,7 +21,10 @@
 // day is known wait in memory for the first one. A file that already exists
 // is appended to after its last whole entry; a torn tail is cut first (and
 // logged). A file this build cannot append to (another format version) is
-// left alone and DAY.2.mdj, DAY.3.mdj, ... is used instead.
+// left alone and DAY.2.mdj, DAY.3.mdj, ... is used instead. A write that
+// fails part of the way (a full disk) is cut back to the last whole write,
+// its entries counted as dropped, so that later ones are not stranded
+// behind a torn entry.
 //
 // Depth records are written as deltas from the instrument's previous record
 // (see JournalFormat.h) unless depthDeltas is off; the encoding is done here,
