@@ -227,11 +227,12 @@ std::string Summary(const RecorderSpi& spi, const JournalWriter* writer, const R
         const JournalWriter::Stats s = writer->GetStats();
         std::snprintf(text, sizeof(text),
                       "; journal: %llu entries written, %llu instruments today, %llu bytes in %llu file(s)%s%s, queue "
-                      "high-water %llu of %llu bytes, dropped %llu",
+                      "%llu bytes waiting (high-water %llu of %llu), dropped %llu",
                       static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.instruments),
                       static_cast<unsigned long long>(s.bytes), static_cast<unsigned long long>(s.files),
-                      s.file.empty() ? "" : ", now ", s.file.c_str(), static_cast<unsigned long long>(s.highWater),
-                      static_cast<unsigned long long>(s.queueBytes), static_cast<unsigned long long>(s.dropped));
+                      s.file.empty() ? "" : ", now ", s.file.c_str(), static_cast<unsigned long long>(s.waiting),
+                      static_cast<unsigned long long>(s.highWater), static_cast<unsigned long long>(s.queueBytes),
+                      static_cast<unsigned long long>(s.dropped));
         out += text;
     }
     if (redis) {

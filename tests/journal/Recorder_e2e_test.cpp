@@ -144,6 +144,10 @@ TEST(RecorderE2E, JournalHoldsWhatAClientSawAndExportsWithoutLoss) {
     const std::string log = Slurp("record.log");
     EXPECT_NE(std::string::npos, log.find("dropped 0")) << log;
     EXPECT_NE(std::string::npos, log.find(", 60 instruments today,")) << log;
+    // The last summary comes after the writer has taken everything.
+    const size_t lastQueue = log.rfind(", queue ");
+    ASSERT_NE(std::string::npos, lastQueue) << log;
+    EXPECT_EQ(0, log.compare(lastQueue, 23, ", queue 0 bytes waiting")) << log.substr(lastQueue, 60);
 
     const std::string file = JournalIn("j");
     uint64_t torn = 1;
