@@ -209,7 +209,11 @@ bool CDCThread::TakeQueueWork() {
     // the take sets it again for the next pass.
     const bool queued =
         m_bQueued.load(std::memory_order_relaxed) && m_bQueued.exchange(false, std::memory_order_acq_rel);
-    return queued || !m_qxsfWorkers.empty() || !m_qxsfWaiting.empty() || m_engine.FileAnswersWaiting() != 0;
+    return queued || FileServiceBusy();
+}
+
+bool CDCThread::FileServiceBusy() const {
+    return !m_qxsfWorkers.empty() || !m_qxsfWaiting.empty() || m_engine.FileAnswersWaiting() != 0;
 }
 
 void CDCThread::CheckQryInstrument() {

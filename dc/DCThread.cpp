@@ -1,8 +1,7 @@
 #include "dc/DCThread.h"
 
-#include <sys/socket.h>
-
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdarg>

@@ -178,6 +178,9 @@ private:
     void Wake();
     // How long the worker may wait for input in this pass.
     int WaitTimeoutMs(uint32_t lastHeartBeat) const;
+    // File-service workers are running or waiting, or their answers wait
+    // for the engine: polled, not signalled.
+    bool FileServiceBusy() const;
     // Whether this pass has queue work: something was queued since the
     // last service (the flag is taken), queries wait for their markets, or
     // the file service is busy or has answers waiting. When false, the

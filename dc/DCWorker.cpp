@@ -56,7 +56,7 @@ private:
 
 int CDCThread::WaitTimeoutMs(uint32_t lastHeartBeat) const {
     // File-service workers and their answers are polled, not signalled.
-    if (!m_qxsfWorkers.empty() || !m_qxsfWaiting.empty() || m_engine.FileAnswersWaiting() != 0) return 2;
+    if (FileServiceBusy()) return 2;
     // Otherwise wake for the next heartbeat and at least every 100 ms for
     // the clock checks (daily reconnect, daily file check).
     uint32_t since = orvex::NowTick() - lastHeartBeat;

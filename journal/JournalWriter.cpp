@@ -274,17 +274,12 @@ bool JournalWriter::AddToSide(uint16_t kind, uint16_t aux, int64_t time, const v
             m_side.size() + need > m_cap / 2 - kMarkRoom) {
             full = true;   // dropped below, after the lock; the writer is woken all the same
         } else {
-            const size_t at = m_side.size();
-            m_side.resize(at + need);
             EntryHead h;
             h.size = size;
             h.kind = kind;
             h.aux = aux;
             h.time = time;
-            EncodeEntryHead(h, m_side.data() + at);
-            if (size) std::memcpy(m_side.data() + at + kEntryHeadSize, payload, size);
-            // Everything the owner published so far comes before this.
-            m_sideAt.emplace_back(m_published.load(std::memory_order_acquire), at);
+            AppendToSideLocked(h, payload);
             if (m_side.size() > m_stats.highWater) m_stats.highWater = m_side.size();
             if (m_woken || (m_options.flushMs != 0 && m_side.size() < m_cap / 4)) return true;
             m_woken = true;
@@ -292,6 +287,15 @@ bool JournalWriter::AddToSide(uint16_t kind, uint16_t aux, int64_t time, const v
     }
     m_wake.notify_one();
     return full ? Dropped(need) : true;
+}
+
+void JournalWriter::AppendToSideLocked(const EntryHead& h, const void* payload) {
+    const size_t at = m_side.size();
+    m_side.resize(at + kEntryHeadSize + h.size);
+    EncodeEntryHead(h, m_side.data() + at);
+    if (h.size) std::memcpy(m_side.data() + at + kEntryHeadSize, payload, h.size);
+    // Everything the owner published so far comes before this.
+    m_sideAt.emplace_back(m_published.load(std::memory_order_acquire), at);
 }
 
 bool JournalWriter::Dropped(size_t bytes) {
@@ -321,18 +325,14 @@ void JournalWriter::SetTradingDay(const std::string& day) {
         std::lock_guard<std::mutex> lock(m_lock);
         if (!m_open.load(std::memory_order_relaxed) || day == m_lastDay) return;
         m_lastDay = day;
-        EntryHead h;
-        h.size = 8;
-        h.kind = kDayMark;
         if (m_owner.load(std::memory_order_relaxed) == ThreadToken()) {
             // Between the owner's own entries, in the ring.
             if (!AddToRing(kDayMark, 0, 0, text, 8, true)) return;
         } else {
-            const size_t at = m_side.size();
-            m_side.resize(at + kEntryHeadSize + 8);
-            EncodeEntryHead(h, m_side.data() + at);
-            std::memcpy(m_side.data() + at + kEntryHeadSize, text, 8);
-            m_sideAt.emplace_back(m_published.load(std::memory_order_acquire), at);
+            EntryHead h;
+            h.size = 8;
+            h.kind = kDayMark;
+            AppendToSideLocked(h, text);
         }
         m_woken = true;
     }
@@ -351,19 +351,26 @@ void JournalWriter::Close() {
     // Entries published after the writer's last look: dropped, and counted.
     uint64_t pos = m_consumed.load(std::memory_order_acquire);
     const uint64_t end = m_published.load(std::memory_order_acquire);
-    while (pos < end) {
-        const size_t off = static_cast<size_t>(pos % m_cap);
+    while (const unsigned char* entry = NextInRing(&pos, end)) {
+        m_queueDropped.fetch_add(1, std::memory_order_relaxed);
+        m_queueDroppedBytes.fetch_add(Align8(kEntryHeadSize + DecodeEntryHead(entry).size), std::memory_order_relaxed);
+    }
+}
+
+const unsigned char* JournalWriter::NextInRing(uint64_t* pos, uint64_t end) const {
+    while (*pos < end) {
+        const size_t off = static_cast<size_t>(*pos % m_cap);
+        const unsigned char* entry = m_ring.get() + off;
         uint32_t size;
-        std::memcpy(&size, m_ring.get() + off, 4);
+        std::memcpy(&size, entry, 4);
         if (size == kWrapMark) {
-            pos += m_cap - off;
+            *pos += m_cap - off;
             continue;
         }
-        const size_t length = Align8(kEntryHeadSize + size);
-        m_queueDropped.fetch_add(1, std::memory_order_relaxed);
-        m_queueDroppedBytes.fetch_add(length, std::memory_order_relaxed);
-        pos += length;
+        *pos += Align8(kEntryHeadSize + size);
+        return entry;
     }
+    return nullptr;
 }
 
 JournalWriter::Stats JournalWriter::GetStats() const {
@@ -431,16 +438,8 @@ void JournalWriter::FeedRing(uint64_t* pos, uint64_t end) {
     // end of a long batch.
     constexpr uint64_t kGiveBack = 1u << 20;
     uint64_t given = *pos;
-    while (*pos < end) {
-        const size_t off = static_cast<size_t>(*pos % m_cap);
-        uint32_t size;
-        std::memcpy(&size, m_ring.get() + off, 4);
-        if (size == kWrapMark) {
-            *pos += m_cap - off;
-            continue;
-        }
-        Feed(m_ring.get() + off);
-        *pos += Align8(kEntryHeadSize + size);
+    while (const unsigned char* entry = NextInRing(pos, end)) {
+        Feed(entry);
         if (*pos - given >= kGiveBack) {
             m_consumed.store(*pos, std::memory_order_release);
             given = *pos;

@@ -104,11 +104,17 @@ public:
 private:
     bool AddToRing(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size, bool mark);
     bool AddToSide(uint16_t kind, uint16_t aux, int64_t time, const void* payload, uint32_t size);
+    // Appends an entry to the side list, marked with the ring's position
+    // now; the caller holds m_lock.
+    void AppendToSideLocked(const EntryHead& h, const void* payload);
     bool Dropped(size_t bytes);
     void Wake();
     void Run();
     // The ring's entries from `*pos` up to `end`, in order.
     void FeedRing(uint64_t* pos, uint64_t end);
+    // The entry at `*pos` (past a wrap mark), `*pos` moved beyond it; null
+    // at `end`.
+    const unsigned char* NextInRing(uint64_t* pos, uint64_t end) const;
     // One entry of the stream: a day mark or an entry for the file.
     void Feed(const unsigned char* entry);
     // Writes what Feed gathered.
