@@ -180,6 +180,15 @@ inline void CopyDepthRecord(unsigned char* to, const unsigned char* from) {
     for (; i < kSize; i += 8) std::memcpy(to + i, from + i, 8);
 }
 
+EntryHead Head(uint16_t kind, uint16_t aux, int64_t time, uint32_t size) {
+    EntryHead h;
+    h.size = size;
+    h.kind = kind;
+    h.aux = aux;
+    h.time = time;
+    return h;
+}
+
 // One per thread: its address tells the threads apart.
 inline uintptr_t ThreadToken() {
     static thread_local char token;
@@ -227,12 +236,7 @@ bool JournalWriter::AddToRing(uint16_t kind, uint16_t aux, int64_t time, const v
         off = 0;
     }
     unsigned char* p = m_ring.get() + off;
-    EntryHead h;
-    h.size = size;
-    h.kind = kind;
-    h.aux = aux;
-    h.time = time;
-    EncodeEntryHead(h, p);
+    EncodeEntryHead(Head(kind, aux, time, size), p);
     if (size == sizeof(COrvexWiraDepthMarketDataField))
         CopyDepthRecord(p + kEntryHeadSize, static_cast<const unsigned char*>(payload));
     else if (size)
@@ -274,12 +278,7 @@ bool JournalWriter::AddToSide(uint16_t kind, uint16_t aux, int64_t time, const v
             m_side.size() + need > m_cap / 2 - kMarkRoom) {
             full = true;   // dropped below, after the lock; the writer is woken all the same
         } else {
-            EntryHead h;
-            h.size = size;
-            h.kind = kind;
-            h.aux = aux;
-            h.time = time;
-            AppendToSideLocked(h, payload);
+            AppendToSideLocked(Head(kind, aux, time, size), payload);
             if (m_side.size() > m_stats.highWater) m_stats.highWater = m_side.size();
             if (m_woken || (m_options.flushMs != 0 && m_side.size() < m_cap / 4)) return true;
             m_woken = true;
@@ -329,10 +328,7 @@ void JournalWriter::SetTradingDay(const std::string& day) {
             // Between the owner's own entries, in the ring.
             if (!AddToRing(kDayMark, 0, 0, text, 8, true)) return;
         } else {
-            EntryHead h;
-            h.size = 8;
-            h.kind = kDayMark;
-            AppendToSideLocked(h, text);
+            AppendToSideLocked(Head(kDayMark, 0, 0, 8), text);
         }
         m_woken = true;
     }
