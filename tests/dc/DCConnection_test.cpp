@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,6 +30,25 @@
 using namespace orvex_test;
 
 namespace {
+
+// The descriptor of this process's TCP connection to 127.0.0.1:port (the
+// library's socket, seen from the test), or -1.
+int ConnectionTo(int port) {
+    for (int fd = 3; fd < 1024; ++fd) {
+        sockaddr_in peer{};
+        socklen_t len = sizeof(peer);
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == port)
+            return fd;
+    }
+    return -1;
+}
+
+// Bytes that have arrived on fd and not been received yet.
+int Unread(int fd) {
+    int n = -1;
+    return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
+}
 
 std::string LoginAnswer1(uint16_t handle, uint16_t code, const std::string& message = "") {
     std::string body(512, '\0');
@@ -355,10 +375,13 @@ TEST_F(DCConnection, ConnectionThatKeepsReceivingIsNeverDropped) {
     ScopedTempDir::Write("OrvexWiraMdApi.def", "[CONFIG]\nRecvTimeout=2\n");
     Start();
     ASSERT_TRUE(spi.WaitFor("linked"));
-    // Six seconds of the clock, with data every half second.
+    const int library = ConnectionTo(server.Port());
+    ASSERT_GE(library, 0);
+    // Six seconds of the clock, with data every half second; the clock
+    // moves on only once the worker has received the data.
     for (int i = 0; i < 12; ++i) {
         ASSERT_TRUE(server.Send(kCmdHeartBeat, ""));
-        usleep(100 * 1000);
+        ASSERT_TRUE(WaitUntil([&] { return Unread(library) == 0; }, 5000));
         FakeClock::AdvanceMs(500);
     }
     usleep(200 * 1000);
