@@ -483,9 +483,9 @@ Where the spread comes from, measured on the machine itself:
 - The host takes time from this virtual machine: sampled every 100 ms
   during one end-to-end run, the receivers' CPU showed 10-30% steal time.
   Within a run, the library's thread ran some rounds at 115-135 ns a row
-  and others at 160-215 ns with the same code and the same rows; in the
-  slower rounds every function took longer in proportion, its own model
-  work as much as the kernel's.
+  and others at 160-215 ns with the same code and the same rows; in a
+  slower round (profiled) the library's own model functions took 1.4 to 2.9
+  times as long for the same rows, not only the kernel's part.
 - New memory is slow and uneven to get: filling 800 MB of freshly mapped
   memory took from 144 ms to 1.9 s in isolation (the host backs a guest
   page when it is first touched). read_journal of two million records
