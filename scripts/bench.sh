@@ -366,7 +366,14 @@ Tried and dropped:
   the queue stays warm: the writer gets no CPU sooner (both are busy), and
   the wake-ups cost more; the ratio fell.
 - Non-temporal stores into the queue (they must be fenced for the writer to
-  see them): 100 ns more a row.
+  see them): 100 ns more a row. Fenced and published every 32 entries
+  instead: the callback's micro-benchmark did not move (56-59 ns against
+  48-60 ns), and the last entries of a burst would wait unseen until the
+  thread's next entry.
+- Waking the writer at every megabyte, with the writer bound to the
+  sender's CPU or not: the writer stays close behind (20 MB instead of
+  150 MB) but costs 123-149 ns a record instead of about 93, and the ratio
+  fell to 0.70-0.75.
 - The writer at idle priority, or at nice 19, or bound to the sender's CPU:
   medians of 0.70-0.80 against 0.76-0.85 for the default in the same
   session; no gain that survives the noise.
