@@ -483,8 +483,9 @@ In 24 shorter end-to-end runs of the same code in that session (full
 speed only, 11 rounds of a million rows), the ratio ranged from 0.48 to
 0.76 with a median of 0.58 (10 of the 24 at 0.6 or more), and the
 recording ratio from 0.61 to 0.82 with a median of 0.755 (2 of the 24 at
-0.8 or more). Quiet stretches of the machine gave 0.57-0.69 for the ratio,
-busy ones 0.48-0.59.
+0.8 or more). Eight of them, taken in one quiet stretch of the machine,
+gave ratios of 0.57-0.69 (median 0.645); the other sixteen 0.48-0.76
+(median 0.575).
 
 Where the spread comes from, measured on the machine itself:
 - The host takes time from this virtual machine: sampled every 100 ms
