@@ -37,6 +37,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -259,6 +260,14 @@ RunResult Pool(const std::vector<RunResult>& runs) {
     return out;
 }
 
+// Two receivers measured in slices taken in turn: each one's slices pooled,
+// and the library's p99 minus the bare receiver's (µs), of the pooled
+// slices and as the median of the slice pairs.
+struct Alternated {
+    RunResult bare, library;
+    double pooledGap = 0, sliceGap = 0;
+};
+
 // The latency curve of a run: latency (µs) against the share of rows at
 // least that late, at shares falling by a factor of 10^0.05 from 1 down to
 // one row, so that the tail is drawn as finely as the body.
@@ -471,6 +480,25 @@ int main(int argc, char** argv) {
         lostRows += lost;
         if (library) libLost += lost;
     };
+    // `slices` pairs of runs, the bare receiver's first in each.
+    auto alternate = [&](int slices, const std::function<RunResult()>& bareRun,
+                         const std::function<RunResult()>& libraryRun) {
+        std::vector<RunResult> b, l;
+        std::vector<double> gaps;
+        for (int slice = 0; slice < slices; ++slice) {
+            b.push_back(bareRun());
+            l.push_back(libraryRun());
+            account(b.back(), false);
+            account(l.back(), true);
+            gaps.push_back(Us(l.back().lat.p99 - b.back().lat.p99));
+        }
+        Alternated a;
+        a.bare = Pool(b);
+        a.library = Pool(l);
+        a.pooledGap = Us(a.library.lat.p99 - a.bare.lat.p99);
+        a.sliceGap = Median(gaps);
+        return a;
+    };
     auto median = [](std::vector<RunResult> v) {
         std::sort(v.begin(), v.end(),
                   [](const RunResult& a, const RunResult& b) { return a.rowsPerSecond < b.rowsPerSecond; });
@@ -481,20 +509,14 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         if (rate > 0) {
             // In slices taken in turn, as the paced runs below.
-            std::vector<RunResult> b, l;
-            std::vector<double> gaps;
-            for (int slice = 0; slice < kRatedSlices; ++slice) {
-                b.push_back(RunStream(baseBlaster, baseRecorder, baseTid, stream, rate, opt.seconds / kRatedSlices,
-                                      UINT64_MAX, &nextSeq));
-                l.push_back(RunStream(libBlaster, libRecorder, worker, stream, rate, opt.seconds / kRatedSlices,
-                                      UINT64_MAX, &nextSeq));
-                account(b.back(), false);
-                account(l.back(), true);
-                gaps.push_back(Us(l.back().lat.p99 - b.back().lat.p99));
-            }
-            baseRuns.push_back(Pool(b));
-            libRuns.push_back(Pool(l));
-            ratedSliceGaps.push_back(Median(gaps));
+            const double seconds = opt.seconds / kRatedSlices;
+            const Alternated a = alternate(
+                kRatedSlices,
+                [&] { return RunStream(baseBlaster, baseRecorder, baseTid, stream, rate, seconds, UINT64_MAX, &nextSeq); },
+                [&] { return RunStream(libBlaster, libRecorder, worker, stream, rate, seconds, UINT64_MAX, &nextSeq); });
+            baseRuns.push_back(a.bare);
+            libRuns.push_back(a.library);
+            ratedSliceGaps.push_back(a.sliceGap);
             continue;
         }
         std::vector<RunResult> b, l;
@@ -538,11 +560,8 @@ int main(int argc, char** argv) {
     journalWriter.Close();
 
     // ---- paced: one frame every 100 µs, against the barest receiver ----
-    struct PacedRun {
-        bool pinned;
-        RunResult bare, library;   // the slices pooled
-        double pooledGap = 0;      // µs: pooled p99s, library minus bare
-        double sliceGap = 0;       // µs: the median of the slice pairs' p99 gaps
+    struct PacedRun : Alternated {
+        bool pinned = false;
     };
     std::vector<PacedRun> paced;
     if (opt.pacedSeconds > 0) {
@@ -565,25 +584,15 @@ int main(int argc, char** argv) {
                 std::printf("paced %s, %s...\n", RunLabel(rate).c_str(), pin ? "pinned" : "unpinned");
                 std::fflush(stdout);
                 PacedRun r;
-                r.pinned = pin;
                 // The two receivers take turns in short slices, so that
                 // whatever else the machine does at the time falls on both
-                // alike; each one's slices are pooled.
-                std::vector<RunResult> bareSlices, librarySlices;
-                std::vector<double> gaps;
-                for (int slice = 0; slice < kPacedSlices; ++slice) {
-                    bareSlices.push_back(RunPaced(baseBlaster, bareRecorder, bare.Tid(), stream, rate,
-                                                  opt.pacedSeconds / kPacedSlices, &nextSeq));
-                    librarySlices.push_back(RunPaced(libBlaster, libRecorder, worker, stream, rate,
-                                                     opt.pacedSeconds / kPacedSlices, &nextSeq));
-                    account(bareSlices.back(), false);
-                    account(librarySlices.back(), true);
-                    gaps.push_back(Us(librarySlices.back().lat.p99 - bareSlices.back().lat.p99));
-                }
-                r.bare = Pool(bareSlices);
-                r.library = Pool(librarySlices);
-                r.pooledGap = Us(r.library.lat.p99 - r.bare.lat.p99);
-                r.sliceGap = Median(gaps);
+                // alike.
+                const double seconds = opt.pacedSeconds / kPacedSlices;
+                static_cast<Alternated&>(r) = alternate(
+                    kPacedSlices,
+                    [&] { return RunPaced(baseBlaster, bareRecorder, bare.Tid(), stream, rate, seconds, &nextSeq); },
+                    [&] { return RunPaced(libBlaster, libRecorder, worker, stream, rate, seconds, &nextSeq); });
+                r.pinned = pin;
                 paced.push_back(std::move(r));
             }
         }
